@@ -1,0 +1,56 @@
+# The compiler settings that every target of the project takes by linking orvane::options.
+
+option(ORVANE_HARDENING "Build with link-time optimisation and hardening flags" OFF)
+option(ORVANE_SANITIZERS "Build with the address and undefined-behaviour sanitizers" OFF)
+option(ORVANE_COVERAGE "Build with line coverage" OFF)
+
+add_library(orvane_options INTERFACE)
+add_library(orvane::options ALIAS orvane_options)
+
+target_compile_options(orvane_options INTERFACE
+    -Wall -Wextra -Wpedantic -Werror
+    -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wcast-align -Wformat=2
+    -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi)
+
+if(ORVANE_HARDENING)
+    target_compile_options(orvane_options INTERFACE
+        -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
+    if(NOT APPLE)
+        target_compile_options(orvane_options INTERFACE -fstack-clash-protection)
+        target_link_options(orvane_options INTERFACE
+            LINKER:-z,relro LINKER:-z,now LINKER:--as-needed)
+    endif()
+    if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+        target_compile_options(orvane_options INTERFACE -fcf-protection)
+    endif()
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND NOT APPLE)
+        # GNU ld cannot read Clang's intermediate objects without LLVM's plugin.
+        target_link_options(orvane_options INTERFACE -fuse-ld=lld)
+    endif()
+endif()
+
+if(ORVANE_SANITIZERS)
+    target_compile_options(orvane_options INTERFACE
+        -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(orvane_options INTERFACE -fsanitize=address,undefined)
+endif()
+
+if(ORVANE_COVERAGE)
+    target_compile_options(orvane_options INTERFACE --coverage -fprofile-update=atomic)
+    target_link_options(orvane_options INTERFACE --coverage)
+endif()
+
+# Position-independent executables and link-time optimisation are target properties in CMake;
+# orvane_target() gives them to one target.
+include(CheckPIESupported)
+check_pie_supported()
+include(CheckIPOSupported)
+check_ipo_supported(RESULT ORVANE_IPO_SUPPORTED OUTPUT ORVANE_IPO_REASON LANGUAGES CXX)
+
+function(orvane_target target)
+    target_link_libraries(${target} PRIVATE orvane::options)
+    set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    if(ORVANE_HARDENING AND ORVANE_IPO_SUPPORTED)
+        set_target_properties(${target} PROPERTIES INTERPROCEDURAL_OPTIMIZATION ON)
+    endif()
+endfunction()

@@ -1,0 +1,13 @@
+# orvane_folder(name sources...): the static library of one source folder, named after it.
+#
+# Includes are written from the project's root ("process/MyProgress.h"). A folder's headers are
+# reachable only through a link of that name in a directory that the folder's own target exports,
+# so a target sees exactly the folders that it links to.
+function(orvane_folder name)
+    set(arrow ${CMAKE_BINARY_DIR}/arrows/${name})
+    file(MAKE_DIRECTORY ${arrow})
+    file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${arrow}/${name} SYMBOLIC)
+    add_library(${name} STATIC ${ARGN})
+    target_include_directories(${name} PUBLIC ${arrow})
+    orvane_target(${name})
+endfunction()

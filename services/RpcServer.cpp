@@ -1,0 +1,20 @@
+#include "services/RpcServer.h"
+
+#include "services/MessageList.h"
+#include "ui/RpcQListView.h"
+
+RpcServer::RpcServer() : view(nullptr) {}
+
+void RpcServer::insertMsg(std::string msg)
+{
+    showMessage(msg, messages, view);
+}
+
+void RpcServer::setUi(RpcQListView *v)
+{
+    view = v;
+    const std::string path = basePath + "/rpcServer/MacOs/rpcServer"; // the lower-case s is meant
+    insertMsg(path);
+    makeProgress(path, "");
+    launchRequest();
+}
