@@ -47,7 +47,7 @@ std::string invokedPath()
 {
     // getauxval(3) returns the address as a number.
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast,performance-no-int-to-ptr)
-    const std::string invoked = reinterpret_cast<const char *>(getauxval(AT_EXECFN));
+    std::string invoked = reinterpret_cast<const char *>(getauxval(AT_EXECFN));
     if (invoked.front() == '/') {
         return invoked;
     }

@@ -20,6 +20,17 @@ constexpr useconds_t readPause = 200'000; // microseconds
 
 using Chunk = std::array<char, readChunkBytes>;
 
+/// Makes a pipe into @p fds and reports how that went on standard output.
+bool openPipe(std::array<std::int32_t, 2> &fds)
+{
+    if (pipe(fds.data()) == -1) {
+        std::puts("Pipe created fail");
+        return false;
+    }
+    std::puts("Pipe ready");
+    return true;
+}
+
 /// Fills @p chunk with one read of @p fd. End of file and errors leave it empty.
 void readChunk(std::int32_t fd, Chunk &chunk)
 {
@@ -51,7 +62,6 @@ int cancelThread(pthread_t thread)
 } // namespace
 
 MyProgress::MyProgress() // NOLINT(cppcoreguidelines-pro-type-member-init): no pipe, no descriptors
-    : childPid(-1), readerResult(-1), launchRequested(false), reserved(0)
 {
     makeBasePath();
 }
@@ -100,18 +110,13 @@ void MyProgress::makeProgress(std::string path, std::string command)
 
 bool MyProgress::createPipe()
 {
-    if (pipe(pipeFds.data()) == -1) {
-        std::puts("Pipe created fail");
-        return false;
-    }
-    std::puts("Pipe ready");
-    return true;
+    return openPipe(pipeFds);
 }
 
 void MyProgress::createProgress(std::string path, std::string command)
 {
     running = false;
-    if (!createPipe()) {
+    if (!openPipe(pipeFds)) {
         return;
     }
 
@@ -192,6 +197,8 @@ std::string MyProgress::readMsg()
 void *MyProgress::autoUpdate(void *self)
 {
     int previous = 0;
+    // Asynchronous on purpose: a stop neither waits for the reader nor asks where it is.
+    // NOLINTNEXTLINE(cert-pos47-c,concurrency-thread-canceltype-asynchronous)
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &previous);
     auto *runner = static_cast<MyProgress *>(self);
     if (!runner->running) {

@@ -52,13 +52,13 @@ protected:
     /// Written by the GUI thread, polled by the reader between chunks. A runner whose program was
     /// missing keeps the initial value, so that its destructor has nothing to stop.
     bool running = false;
-    std::int32_t childPid;
+    std::int32_t childPid = -1;
     std::array<std::int32_t, 2> pipeFds; ///< read end (ours), write end (the child's)
-    std::int32_t readerResult;           ///< what the last pthread_create() returned
-    bool launchRequested;
+    std::int32_t readerResult = -1;      ///< what the last pthread_create() returned
+    bool launchRequested = false;
     std::string basePath;
     pthread_t readerThread{}; ///< the null handle until there is a reader
-    std::uintptr_t reserved;
+    std::uintptr_t reserved = 0;
 
 private:
     void startReader();

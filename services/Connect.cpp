@@ -3,8 +3,6 @@
 #include "services/Nginx.h"
 #include "services/RpcServer.h"
 
-Connect::Connect() : nginx(nullptr), rpc(nullptr), rpcView(nullptr) {}
-
 Connect::~Connect()
 {
     if (rpc != nullptr) {

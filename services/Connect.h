@@ -11,7 +11,7 @@ class RpcServer;
 class Connect
 {
 public:
-    Connect();
+    Connect() = default;
     /// Stops and deletes both controllers.
     ~Connect();
     Connect(const Connect &) = delete;
@@ -32,8 +32,8 @@ public:
     void setRpcUi(RpcQListView *v);
 
 protected:
-    Nginx *nginx;
-    RpcServer *rpc;
-    RpcQListView *rpcView;
+    Nginx *nginx = nullptr;
+    RpcServer *rpc = nullptr;
+    RpcQListView *rpcView = nullptr;
     NginxQListView *nginxView = nullptr;
 };

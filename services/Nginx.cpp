@@ -5,8 +5,6 @@
 
 #include <cstdlib>
 
-Nginx::Nginx() : view(nullptr) {}
-
 void Nginx::insertMsg(std::string msg)
 {
     showMessage(msg, messages, view);

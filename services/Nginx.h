@@ -11,8 +11,6 @@ class NginxQListView;
 class Nginx : public MyProgress
 {
 public:
-    Nginx();
-
     /// Records one message and shows the whole list; an empty one is dropped.
     void insertMsg(std::string msg) override;
     /// Stores the view (not owned, may be null) and starts nginx.
@@ -22,6 +20,6 @@ public:
     void abolish();
 
 protected:
-    NginxQListView *view;
+    NginxQListView *view = nullptr;
     QStringList messages;
 };

@@ -3,8 +3,6 @@
 #include "services/MessageList.h"
 #include "ui/RpcQListView.h"
 
-RpcServer::RpcServer() : view(nullptr) {}
-
 void RpcServer::insertMsg(std::string msg)
 {
     showMessage(msg, messages, view);

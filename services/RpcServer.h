@@ -11,8 +11,6 @@ class RpcQListView;
 class RpcServer : public MyProgress
 {
 public:
-    RpcServer();
-
     /// Records one message and shows the whole list; an empty one is dropped.
     void insertMsg(std::string msg) override;
     /// Stores the view (not owned, may be null) and starts the RPC server.
@@ -23,6 +21,6 @@ public:
     static void abolish() {}
 
 protected:
-    RpcQListView *view;
+    RpcQListView *view = nullptr;
     QStringList messages;
 };
