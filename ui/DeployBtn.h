@@ -14,7 +14,7 @@ public:
 signals:
     /// Hides the inherited signal on purpose: a connection by the text "clicked()" lands here, so
     /// the space bar, other mouse buttons and the release run nothing.
-    void clicked(); // clazy:exclude=overridden-signal
+    void clicked(); // clazy:exclude=overloaded-signal
 
 protected:
     void mousePressEvent(QMouseEvent *e) override;
