@@ -1,0 +1,318 @@
+"""Drives the launcher from outside: a virtual X server, a real window, real clicks.
+
+Nothing here knows the launcher's code. Everything that is started is ended by its process id when
+its `with` block is left, on failure and on Ctrl-C too.
+"""
+
+import ctypes
+import json
+import os
+import resource
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+import psutil
+from PIL import ImageGrab
+from Xlib import X, XK, Xatom, display, error
+from Xlib.ext import xtest
+from Xlib.protocol import event
+
+PATIENCE = 30  # seconds until a condition that does not come true is a failure
+FIRST_DISPLAY = 100  # far above the numbers that real desktops take
+GONE = (psutil.NoSuchProcess, psutil.AccessDenied, psutil.ZombieProcess)
+WINDOW_TITLE = "MainWindow"
+TABS = ("directions", "rpc", "nginx")
+
+
+def wait_for(what, condition, seconds=PATIENCE):
+    """Returns the first true value of condition(); TimeoutError says `what` did not happen."""
+    deadline = time.monotonic() + seconds
+    while not (value := condition()):
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"not within {seconds} s: {what}")
+        time.sleep(0.01)
+    return value
+
+
+def port_open(port, host="127.0.0.1"):
+    with socket.socket() as probe:
+        return probe.connect_ex((host, port)) == 0
+
+
+def running(process):
+    """A child that nobody has waited for (a zombie) does not count."""
+    try:
+        return process.status() != psutil.STATUS_ZOMBIE
+    except GONE:
+        return False
+
+
+def adopt_orphans():
+    """Makes this process the parent of every descendant whose own parent has ended (Linux)."""
+    set_child_subreaper = 36
+    ctypes.CDLL(None, use_errno=True).prctl(set_child_subreaper, 1, 0, 0, 0)
+
+
+def lies_below(directory, process):
+    """Whether its program (or its script) or its working directory lies below `directory`."""
+    below = os.path.realpath(directory) + "/"
+    try:
+        places = [process.exe(), process.cwd() + "/", *process.cmdline()[:2]]
+    except GONE:
+        return False
+    return any(place.startswith(below) for place in places)
+
+
+def processes_below(directory):
+    """The running processes that lies_below() the directory."""
+    return [process for process in psutil.process_iter()
+            if running(process) and lies_below(directory, process)]
+
+
+def end(process, seconds=5):
+    """Ends a subprocess.Popen politely, then for certain."""
+    if process.poll() is None:
+        process.terminate()
+        try:
+            process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            process.kill()
+    process.wait()
+
+
+class Desktop:
+    """A virtual X server, with the mouse and the keyboard of whoever sits in front of it."""
+
+    def __init__(self, width=1024, height=768):
+        self.server, self.name = self._start_server(f"{width}x{height}x24")
+        self.display = display.Display(self.name)
+        self.root = self.display.screen().root
+
+    @staticmethod
+    def _start_server(screen):
+        # Reachable only through its abstract socket, so that servers in different network
+        # namespaces do not meet in the file system. Xlib prefers a socket file, if there is one.
+        for number in range(FIRST_DISPLAY, FIRST_DISPLAY + 900):
+            if os.path.exists(f"/tmp/.X11-unix/X{number}"):
+                continue
+            ready, ready_end = os.pipe()
+            with open(ready, encoding="ascii") as answer:
+                server = subprocess.Popen(
+                    ["Xvfb", f":{number}", "-screen", "0", screen, "-displayfd", str(ready_end),
+                     "-nolisten", "tcp", "-nolisten", "unix", "-noreset"],
+                    pass_fds=[ready_end], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                    stderr=subprocess.DEVNULL, start_new_session=True)
+                os.close(ready_end)
+                if answer.readline():
+                    return server, f":{number}"
+            end(server)  # the number was taken
+        raise RuntimeError("Xvfb does not start")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        self.display.close()
+        end(self.server)
+
+    @property
+    def environment(self):
+        return {**os.environ, "DISPLAY": self.name, "QT_QPA_PLATFORM": "xcb"}
+
+    def move(self, x, y):
+        xtest.fake_input(self.display, X.MotionNotify, x=x, y=y)
+        self.display.sync()
+
+    def press(self, button=1):
+        xtest.fake_input(self.display, X.ButtonPress, button)
+        self.display.sync()
+
+    def release(self, button=1):
+        xtest.fake_input(self.display, X.ButtonRelease, button)
+        self.display.sync()
+
+    def key(self, name):
+        code = self.display.keysym_to_keycode(XK.string_to_keysym(name))
+        xtest.fake_input(self.display, X.KeyPress, code)
+        xtest.fake_input(self.display, X.KeyRelease, code)
+        self.display.sync()
+
+    def picture(self, box=None):
+        """What the screen shows (left, top, right, bottom), as a PIL image."""
+        return ImageGrab.grab(bbox=box, xdisplay=self.name)
+
+    def find_window(self, pid):
+        """The launcher's window on the screen, or None."""
+        owner = self.display.intern_atom("_NET_WM_PID")
+        waiting = [self.root]
+        while waiting:
+            window = waiting.pop()
+            try:
+                pids = window.get_full_property(owner, Xatom.CARDINAL)
+                if (pids and pids.value[0] == pid and window.get_wm_name() == WINDOW_TITLE
+                        and window.get_attributes().map_state == X.IsViewable):
+                    return window
+                waiting += window.query_tree().children
+            except (error.BadWindow, error.BadDrawable):
+                continue  # it went away meanwhile
+        return None
+
+
+class Launcher:
+    """The launcher in its window on a desktop. `options` are its own, for the toolkit.
+
+    Its standard output and error go into files (`output`, `errors`), unless `stdout` says else.
+    """
+
+    def __init__(self, desktop, program, options=(), cwd=None, stdout=None, landmarks=None):
+        self.desktop = desktop
+        self.program = os.path.abspath(program)
+        adopt_orphans()
+        self._scratch = tempfile.TemporaryDirectory(prefix="orvane-run-")
+        scratch = Path(self._scratch.name)
+        self._output, self._errors = scratch / "output", scratch / "errors"
+        self._environment = {"XDG_RUNTIME_DIR": str(scratch), **desktop.environment}
+        self.landmarks = self._find_landmarks(landmarks, options)
+        with open(self._output, "wb") as output, open(self._errors, "wb") as errors:
+            self.process = subprocess.Popen(
+                [self.program, *options], cwd=cwd, env=self._environment, stdout=stdout or output,
+                stderr=errors, stdin=subprocess.DEVNULL, start_new_session=True,
+                preexec_fn=self._no_core_file)
+        try:
+            self.window = wait_for("the launcher's window", self._window_or_exit)
+            self._check_size()
+        except BaseException:
+            self.end()
+            raise
+
+    @staticmethod
+    def _no_core_file():
+        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+    def _find_landmarks(self, program, options):
+        program = program or os.environ.get("ORVANE_LANDMARKS") or (
+            Path(self.program).parents[3] / "landmarks")  # beside the bundle
+        found = subprocess.run([program, *options], env=self._environment, check=True,
+                               stdout=subprocess.PIPE, timeout=PATIENCE)
+        return json.loads(found.stdout)
+
+    def _window_or_exit(self):
+        if self.process.poll() is not None:
+            raise RuntimeError(f"the launcher ended at once, status {self.process.returncode}: "
+                               f"{self.errors}")
+        return self.desktop.find_window(self.process.pid)
+
+    def _check_size(self):
+        shown = self.window.get_geometry()
+        if [shown.width, shown.height] != self.landmarks["window"]:
+            raise RuntimeError(f"the window is {shown.width} by {shown.height}, its landmarks are "
+                               f"those of {self.landmarks['window']}")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.end()
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    @property
+    def output(self):
+        return self._output.read_text(errors="replace")
+
+    @property
+    def errors(self):
+        return self._errors.read_text(errors="replace")
+
+    @property
+    def bundle(self):
+        """The directory that ends in orvane.app, or the program's own directory."""
+        parents = Path(self.program).parents
+        return next((p for p in parents if p.name == "orvane.app"), parents[0])
+
+    def _corner(self):
+        place = self.window.translate_coords(self.desktop.root, 0, 0)
+        return -place.x, -place.y
+
+    def point_at(self, landmark):
+        left, top = self._corner()
+        x, y = self.landmarks[landmark]
+        self.desktop.move(left + x, top + y)
+
+    def press(self, landmark, button=1):
+        self.point_at(landmark)
+        self.desktop.press(button)
+
+    def click(self, landmark, button=1):
+        self.press(landmark, button)
+        self.desktop.release(button)
+
+    def double_click(self, landmark):
+        self.click(landmark)
+        self.click(landmark)
+
+    def take_focus(self):
+        """Directs the keyboard at the window, as a window manager would."""
+        self.window.set_input_focus(X.RevertToParent, X.CurrentTime)
+        self.desktop.display.sync()
+
+    def picture(self, landmark=None):
+        """The window as the screen shows it, or one of its rectangular landmarks."""
+        left, top = self._corner()
+        x, y, width, height = self.landmarks[landmark] if landmark else (
+            0, 0, *self.landmarks["window"])
+        return self.desktop.picture((left + x, top + y, left + x + width, top + y + height))
+
+    def close(self):
+        """Closes the window as its frame's button would."""
+        atom = self.desktop.display.intern_atom
+        message = event.ClientMessage(window=self.window, client_type=atom("WM_PROTOCOLS"),
+                                      data=(32, [atom("WM_DELETE_WINDOW"), X.CurrentTime, 0, 0, 0]))
+        self.window.send_event(message)
+        self.desktop.display.sync()
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+    def wait(self, seconds=PATIENCE):
+        """The exit status; a negative number is the signal that ended the launcher."""
+        return self.process.wait(seconds)
+
+    def started(self):
+        """Every running process that the launcher started, and theirs."""
+        def of_this_session(process):
+            try:
+                return os.getsid(process.pid) == self.pid
+            except ProcessLookupError:
+                return False
+
+        # A daemon leaves the session; it stays a descendant of this process and in the bundle.
+        descendants = {process.pid for process in psutil.Process().children(recursive=True)}
+        return [process for process in psutil.process_iter()
+                if process.pid != self.pid and running(process)
+                and (of_this_session(process) or (process.pid in descendants
+                                                  and lies_below(self.bundle, process)))]
+
+    def end(self):
+        """Ends the launcher and all that it started, whatever state they are in."""
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+        deadline = time.monotonic() + PATIENCE
+        while (left := self.started()) and time.monotonic() < deadline:
+            for process in left:
+                try:
+                    process.send_signal(signal.SIGKILL)
+                except GONE:
+                    pass
+        self._scratch.cleanup()
