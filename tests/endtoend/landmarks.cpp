@@ -38,6 +38,7 @@ int main(int argc, char **argv)
 
     const QTabBar *tabs = form.tabWidget->tabBar();
     QJsonObject landmarks{{"window", QJsonArray{window.width(), window.height()}},
+                          {"title", centre(form.label, form.label->rect())},
                           {"deploy", centre(form.pushButton, form.pushButton->rect())},
                           {"stop", centre(form.pushButton_2, form.pushButton_2->rect())},
                           {"directions", centre(tabs, tabs->tabRect(0))},
