@@ -178,11 +178,11 @@ class Launcher:
         self._scratch = tempfile.TemporaryDirectory(prefix="orvane-run-")
         scratch = Path(self._scratch.name)
         self._output, self._errors = scratch / "output", scratch / "errors"
-        self._environment = {"XDG_RUNTIME_DIR": str(scratch), **desktop.environment}
+        self.environment = {"XDG_RUNTIME_DIR": str(scratch), **desktop.environment}
         self.landmarks = self._find_landmarks(landmarks, options)
         with open(self._output, "wb") as output, open(self._errors, "wb") as errors:
             self.process = subprocess.Popen(
-                [self.program, *options], cwd=cwd, env=self._environment, stdout=stdout or output,
+                [self.program, *options], cwd=cwd, env=self.environment, stdout=stdout or output,
                 stderr=errors, stdin=subprocess.DEVNULL, start_new_session=True,
                 preexec_fn=self._no_core_file)
         try:
@@ -199,7 +199,7 @@ class Launcher:
     def _find_landmarks(self, program, options):
         program = program or os.environ.get("ORVANE_LANDMARKS") or (
             Path(self.program).parents[3] / "landmarks")  # beside the bundle
-        found = subprocess.run([program, *options], env=self._environment, check=True,
+        found = subprocess.run([program, *options], env=self.environment, check=True,
                                stdout=subprocess.PIPE, timeout=PATIENCE)
         return json.loads(found.stdout)
 

@@ -1,0 +1,78 @@
+"""What the end-to-end tests share: a desktop of its own for each test, bundles and launchers."""
+
+import os
+import shutil
+import subprocess
+import tempfile
+import unittest
+from pathlib import Path
+
+import psutil
+from PIL import Image
+
+from desktop import Desktop, Launcher, running, wait_for
+from throwaway import Bundle
+
+LAUNCHER = Path(os.environ["ORVANE_LAUNCHER"])
+LIST_PICTURE = os.environ["ORVANE_LIST_PICTURE"]
+
+
+def runs(pid):
+    return psutil.pid_exists(pid) and running(psutil.Process(pid))
+
+
+class LauncherTest(unittest.TestCase):
+    """Every test has a desktop and a directory of its own."""
+
+    longMessage = True
+
+    def setUp(self):
+        self.desktop = self.enterContext(Desktop())
+        self.directory = Path(self.enterContext(tempfile.TemporaryDirectory(prefix="orvane-test-")))
+
+    def bundle(self, **services):
+        return Bundle(LAUNCHER, self.directory, **services)
+
+    def real_bundle(self):
+        """The launcher's program in a copy of the bundle with the real services."""
+        copy = self.directory / "orvane.app"
+        built = LAUNCHER.parents[2]
+        shutil.copytree(built, copy, ignore=lambda where, _: ["run"] if where.endswith("nginx")
+                        else [])
+        return copy / LAUNCHER.relative_to(built)
+
+    def launch(self, program, options=(), **how):
+        # Not in the bundle's directory: the launcher must not depend on where it was started.
+        return self.enterContext(Launcher(self.desktop, program, options, cwd="/", **how))
+
+    def deploy(self, launcher, bundle):
+        """Clicks on deploy and waits until both services of the throw-away bundle have started."""
+        before = min(len(bundle.pids("nginx")), len(bundle.pids("rpc")))
+        launcher.click("deploy")
+        wait_for("the start of both services", lambda: bundle.deployed(before + 1))
+
+    def close(self, launcher):
+        """Closes the window. What was clicked before has happened when this returns."""
+        launcher.close()
+        self.assertEqual(launcher.wait(), 0, "exit status")
+        self.assertEqual(launcher.started(), [], "left running")
+
+    def assert_list_shows(self, launcher, name, *rows):
+        """The tab "rpc" or "nginx" comes to show these rows, to the pixel."""
+        expected = self.directory / "expected.png"
+        subprocess.run([LIST_PICTURE, name, expected, *rows], env=launcher.environment, check=True)
+        pixels = Image.open(expected).convert("RGB").tobytes()
+
+        def shown():
+            # The list repaints when its tab comes to the front, at the latest.
+            launcher.click("directions")
+            launcher.click(name)
+            launcher.point_at("title")
+            return launcher.picture(f"{name} list").tobytes() == pixels
+
+        try:
+            wait_for(f"rows {rows} in the {name} list", shown)
+        except TimeoutError as why:
+            seen = Path(tempfile.gettempdir()) / f"orvane-{self.id()}.png"
+            launcher.picture().save(seen)
+            self.fail(f"{why}; what was seen is in {seen}")
