@@ -184,7 +184,7 @@ class Launcher:
             self.process = subprocess.Popen(
                 [self.program, *options], cwd=cwd, env=self.environment, stdout=stdout or output,
                 stderr=errors, stdin=subprocess.DEVNULL, start_new_session=True,
-                preexec_fn=self._no_core_file)
+                preexec_fn=self._as_from_a_menu)
         try:
             self.window = wait_for("the launcher's window", self._window_or_exit)
             self._check_size()
@@ -193,8 +193,10 @@ class Launcher:
             raise
 
     @staticmethod
-    def _no_core_file():
+    def _as_from_a_menu():
         resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+        for number in (signal.SIGINT, signal.SIGHUP):  # which nohup, or a shell, may ignore
+            signal.signal(number, signal.SIG_DFL)
 
     def _find_landmarks(self, program, options):
         program = program or os.environ.get("ORVANE_LANDMARKS") or (
