@@ -15,7 +15,7 @@ SITE_PORT = 4200
 SITE = f"http://localhost:{SITE_PORT}/"
 FLAGS = ["--headless=new", "--disable-gpu", "--disable-quic", "--no-first-run", "--no-proxy-server",
          "--disable-background-networking", "--disable-component-update", "--disable-sync",
-         "--disable-dev-shm-usage", "--window-size=1000,700",
+         "--disable-dev-shm-usage", "--window-size=1000,800",
          # A container has no sandbox to offer, nor has root; the only page visited is our own.
          "--no-sandbox"]
 
