@@ -84,7 +84,10 @@ Json answer(Channels &channels, const Json &request)
 /// The answer to a body, which is a request or a batch of them; null if it needs none.
 Json answerBody(Channels &channels, const std::string &body)
 {
-    const Json parsed = Json::parse(body, nullptr, false);
+    // Values nested deeper than a batch's parameters are dropped: a copy of 30,000 levels takes
+    // more stack than there is.
+    const auto keep = [](int depth, Json::parse_event_t, const Json &) { return depth <= 4; };
+    const Json parsed = Json::parse(body, keep, false);
     if (parsed.is_discarded()) {
         return refusal(nullptr, {-32700, "Parse error"});
     }
@@ -146,8 +149,9 @@ int main() // started with neither arguments nor environment, and stopped by SIG
 
     httplib::Server server;
     if (!listen(server)) {
-        say(errno == EADDRINUSE ? "rpcServer: port 4201 is taken by another program. Close that "
-                                  "program, then press [Deploy Service] again."
+        say(errno == EADDRINUSE ? "rpcServer: port 4201 is taken by another program, or by a "
+                                  "server that a killed launcher left running. End it, then press "
+                                  "[Deploy Service] again."
                                 : std::string("rpcServer: port 4201: ") + std::strerror(errno));
         return 1;
     }
