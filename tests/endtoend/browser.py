@@ -75,6 +75,10 @@ class Browser:
         """The number of frames a second that the page shows."""
         return float(self.text("dps"))
 
+    def run(self, script):
+        """What the script, a function's body in the page, returns."""
+        return self._driver.execute_script(script)
+
     def picture(self, path):
         self._driver.save_screenshot(str(path))
 
