@@ -146,6 +146,7 @@ class Nginx:
             process.kill()
         for child in self.children:
             child.wait()
+        self.directory.chmod(0o755)
 
 
 class BundleTest(unittest.TestCase):
