@@ -26,7 +26,7 @@ if(APPLE)
     # The Qt frameworks go into the bundle, so that it runs where Qt is not installed.
     get_target_property(qmake Qt5::qmake IMPORTED_LOCATION)
     get_filename_component(qt_bin ${qmake} DIRECTORY)
-    find_program(ORVANE_MACDEPLOYQT macdeployqt HINTS ${qt_bin} REQUIRED)
+    find_program(ORVANE_MACDEPLOYQT macdeployqt HINTS ${qt_bin})
     mark_as_advanced(ORVANE_MACDEPLOYQT)
     install(CODE "
         execute_process(COMMAND \"${ORVANE_MACDEPLOYQT}\"

@@ -3,7 +3,8 @@
 set(CPACK_PACKAGE_VENDOR "The Orvane Launcher developers")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "launcher for the local services of the Orvane video product")
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
-set(CPACK_PACKAGE_FILE_NAME orvane-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR})
+set(CPACK_PACKAGE_FILE_NAME
+    orvane-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR})
 set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY OFF) # unpacked, an archive is orvane.app and nothing else
 set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)

@@ -35,9 +35,10 @@ def archive():
 
 
 def in_memory():
-    """An empty directory in memory."""
-    directory = CACHE / "mount"
-    directory.mkdir(parents=True, exist_ok=True)
+    """An empty directory in memory, seen in this mount namespace only."""
+    # Not below build/: debootstrap wants a path without blanks. Not on top of the project either.
+    directory = next(place for place in (pathlib.Path("/mnt"), pathlib.Path("/media"))
+                     if not PROJECT.is_relative_to(place))
     run("mount", "-t", "tmpfs", "-o", f"mode=755,size={MOST_MEMORY}", "tmpfs", directory)
     return directory
 
@@ -104,6 +105,7 @@ def main():
     make(root)
     for old in CACHE.glob("*.tar*"):
         old.unlink()
+    CACHE.mkdir(exist_ok=True)
     new = archive().with_suffix(".tar.new")
     run("tar", "-C", root, "--one-file-system", "-cpf", new, ".")
     new.rename(archive())
