@@ -1,11 +1,11 @@
 #!/usr/bin/python3
 """The installed bundle and the packages hold what they should, and their metadata agree."""
 
+import os
 import pathlib
 import plistlib
 import re
 import struct
-import subprocess
 import tarfile
 import tempfile
 import xml.etree.ElementTree as xml
@@ -177,7 +177,8 @@ class Metadata(Unpacked):
                              root / f"usr/share/applications/{APP_ID}.desktop"), "")
         run("appstreamcli", "validate", "--no-net",
             root / f"usr/share/metainfo/{APP_ID}.metainfo.xml")
-        run("lintian", "--fail-on", "error,warning", "--allow-root", built.deb())
+        run("lintian", "--fail-on", "error,warning", "--allow-root", built.deb(),
+            env={**os.environ, "TMPDIR": str(self.path)})  # it does not clean up after itself
 
 
 class Icon(Unpacked):
