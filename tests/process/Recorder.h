@@ -1,0 +1,129 @@
+#pragma once
+
+#include "process/MyProgress.h"
+
+#include <QByteArray>
+#include <QList>
+
+#include <chrono>
+#include <deque>
+#include <mutex>
+#include <new>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+/// What a sink was given, and when. Outlives its runner: a reader may still be on its way out.
+class Messages
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    void add(const std::string &text)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        texts.append(QByteArray::fromStdString(text));
+        threads.push_back(pthread_self());
+        times.push_back(Clock::now());
+    }
+
+    /// Every message so far, the empty ones included.
+    QList<QByteArray> all() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return texts;
+    }
+    /// What was read, in one piece.
+    QByteArray joined() const { return all().join(); }
+    int count() const { return all().size(); }
+
+    std::vector<pthread_t> senders() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return threads;
+    }
+    std::vector<Clock::time_point> arrivals() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return times;
+    }
+
+    /// A new record that is never deleted.
+    static Messages &make()
+    {
+        static auto &kept = *new std::deque<Messages>;
+        return kept.emplace_back();
+    }
+
+private:
+    mutable std::mutex mutex;
+    QList<QByteArray> texts;
+    std::vector<pthread_t> threads;
+    std::vector<Clock::time_point> times;
+};
+
+/// A runner that keeps its messages, with every field in the open.
+class Recorder : public MyProgress
+{
+public:
+    using MyProgress::basePath;
+    using MyProgress::childPid;
+    using MyProgress::launchRequested;
+    using MyProgress::pipeFds;
+    using MyProgress::readerResult;
+    using MyProgress::readerThread;
+    using MyProgress::reserved;
+    using MyProgress::running;
+
+    void insertMsg(std::string msg) override { messages.add(msg); }
+
+    Messages &messages = Messages::make();
+
+    /// Nothing joins a reader, so one may touch its runner after the deletion: the memory stays.
+    static void *operator new(std::size_t size) { return ::operator new(size); }
+    static void operator delete(void *memory)
+    {
+        static auto &kept = *new std::vector<void *>;
+        kept.push_back(memory);
+    }
+};
+
+/// A runner that reads a pipe of the test's own; no child writes into it.
+class FedRecorder : public Recorder
+{
+public:
+    /// Above every process id that Linux gives (PID_MAX_LIMIT).
+    static constexpr std::int32_t noProcess = 0x7fffffff;
+
+    FedRecorder()
+    {
+        createPipe();
+        childPid = noProcess;
+        running = true;
+    }
+
+    void feed(const QByteArray &bytes) const
+    {
+        if (write(pipeFds[1], bytes.constData(), static_cast<std::size_t>(bytes.size())) !=
+            bytes.size()) {
+            qFatal("the pipe takes no more");
+        }
+    }
+    void endOfFile() const { close(pipeFds[1]); }
+};
+
+/// A shell command whose process stays until it is killed, with nothing left behind.
+constexpr const char *sleeping = "exec sleep 1000";
+
+/// Everything that the child writes until it ends, taken without the reader.
+inline QByteArray wholeOutput(MyProgress &runner)
+{
+    QByteArray output;
+    for (;;) {
+        const std::string part = runner.readMsg();
+        if (part.empty()) {
+            return output;
+        }
+        output += QByteArray::fromStdString(part);
+    }
+}
