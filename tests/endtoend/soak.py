@@ -1,5 +1,6 @@
-"""soak.py CYCLES [chatty] [real]: deploy, look at each tab, redeploy and stop, again and again, in a
-real window; against services that flood their output, and against the bundle's real ones.
+"""soak.py CYCLES [chatty] [real]: deploy, look at each tab, redeploy and stop, again and again.
+
+In a real window, against services that flood their output and against the bundle's real ones.
 
 ORVANE_LAUNCHER and ORVANE_LANDMARKS name the programs. Exits with 0 if the launcher never crashed
 and nothing was left running.
