@@ -11,7 +11,8 @@ from pathlib import Path
 
 import psutil
 
-from desktop import GONE, port_open, processes_below, running, wait_for
+from desktop import port_open, wait_for
+from processes import GONE, processes_below, running
 
 PORT = 4200
 SHIPPED = Path(os.environ["ORVANE_NGINX"])

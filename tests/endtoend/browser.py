@@ -4,12 +4,12 @@ import http.client
 import os
 import tempfile
 
-import psutil
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 
-from desktop import GONE, adopt_orphans, running, wait_for
+from desktop import wait_for
+from processes import GONE, adopt_orphans, descendants, existing, running
 
 SITE_PORT = 4200
 SITE = f"http://localhost:{SITE_PORT}/"
@@ -91,7 +91,7 @@ class Browser:
             except GONE:
                 return False
 
-        return [p for p in psutil.Process().children(recursive=True) if running(p) and ours(p)]
+        return [p for p in existing(descendants(os.getpid())) if running(p) and ours(p)]
 
     def end(self):
         try:

@@ -4,7 +4,6 @@ Nothing here knows the launcher's code. Everything that is started is ended by i
 its `with` block is left, on failure and on Ctrl-C too.
 """
 
-import ctypes
 import json
 import os
 import resource
@@ -21,9 +20,11 @@ from Xlib import X, XK, Xatom, display, error
 from Xlib.ext import xtest
 from Xlib.protocol import event
 
+from processes import (GONE, adopt_orphans, descendants, end, existing, lies_below, running,
+                       session)
+
 PATIENCE = 30  # seconds until a condition that does not come true is a failure
 FIRST_DISPLAY = 100  # far above the numbers that real desktops take
-GONE = (psutil.NoSuchProcess, psutil.AccessDenied, psutil.ZombieProcess)
 WINDOW_TITLE = "MainWindow"
 TABS = ("directions", "rpc", "nginx")
 
@@ -43,53 +44,16 @@ def port_open(port, host="127.0.0.1"):
         return probe.connect_ex((host, port)) == 0
 
 
-def running(process):
-    """A child that nobody has waited for (a zombie) does not count."""
-    try:
-        return process.status() != psutil.STATUS_ZOMBIE
-    except GONE:
-        return False
-
-
-def adopt_orphans():
-    """Makes this process the parent of every descendant whose own parent has ended (Linux)."""
-    set_child_subreaper = 36
-    ctypes.CDLL(None, use_errno=True).prctl(set_child_subreaper, 1, 0, 0, 0)
-
-
-def lies_below(directory, process):
-    """Whether its program (or its script) or its working directory lies below `directory`."""
-    below = os.path.realpath(directory) + "/"
-    try:
-        places = [process.exe(), process.cwd() + "/", *process.cmdline()[:2]]
-    except GONE:
-        return False
-    return any(place.startswith(below) for place in places)
-
-
-def processes_below(directory):
-    """The running processes that lies_below() the directory."""
-    return [process for process in psutil.process_iter()
-            if running(process) and lies_below(directory, process)]
-
-
-def end(process, seconds=5):
-    """Ends a subprocess.Popen politely, then for certain."""
-    if process.poll() is None:
-        process.terminate()
-        try:
-            process.wait(seconds)
-        except subprocess.TimeoutExpired:
-            process.kill()
-    process.wait()
-
-
 class Desktop:
     """A virtual X server, with the mouse and the keyboard of whoever sits in front of it."""
 
     def __init__(self, width=1024, height=768):
         self.server, self.name = self._start_server(f"{width}x{height}x24")
-        self.display = display.Display(self.name)
+        try:
+            self.display = display.Display(self.name)
+        except BaseException:
+            end(self.server)
+            raise
         self.root = self.display.screen().root
 
     @staticmethod
@@ -107,8 +71,12 @@ class Desktop:
                     pass_fds=[ready_end], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                     stderr=subprocess.DEVNULL, start_new_session=True)
                 os.close(ready_end)
-                if answer.readline():
-                    return server, f":{number}"
+                try:
+                    if answer.readline():
+                        return server, f":{number}"
+                except BaseException:
+                    end(server)
+                    raise
             end(server)  # the number was taken
         raise RuntimeError("Xvfb does not start")
 
@@ -292,18 +260,11 @@ class Launcher:
 
     def started(self):
         """Every running process that the launcher started, and theirs."""
-        def of_this_session(process):
-            try:
-                return os.getsid(process.pid) == self.pid
-            except ProcessLookupError:
-                return False
-
         # A daemon leaves the session; it stays a descendant of this process and in the bundle.
-        descendants = {process.pid for process in psutil.Process().children(recursive=True)}
-        return [process for process in psutil.process_iter()
-                if process.pid != self.pid and running(process)
-                and (of_this_session(process) or (process.pid in descendants
-                                                  and lies_below(self.bundle, process)))]
+        daemons = [pid for pid in descendants(os.getpid()) if pid != self.pid]
+        others = [pid for pid in psutil.pids() if pid != self.pid and session(pid) == self.pid]
+        found = {*others, *(pid for pid in daemons if lies_below(self.bundle, pid))}
+        return [process for process in existing(found) if running(process)]
 
     def end(self):
         """Ends the launcher and all that it started, whatever state they are in."""

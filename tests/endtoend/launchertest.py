@@ -7,18 +7,17 @@ import tempfile
 import unittest
 from pathlib import Path
 
-import psutil
 from PIL import Image
 
-from desktop import Desktop, Launcher, running, wait_for
+from desktop import Desktop, Launcher, wait_for
+from processes import existing, running
 from throwaway import Bundle
 
 LAUNCHER = Path(os.environ["ORVANE_LAUNCHER"])
-LIST_PICTURE = os.environ["ORVANE_LIST_PICTURE"]
 
 
 def runs(pid):
-    return psutil.pid_exists(pid) and running(psutil.Process(pid))
+    return any(map(running, existing([pid])))
 
 
 def copy_real_bundle(directory):
@@ -65,7 +64,8 @@ class LauncherTest(unittest.TestCase):
     def assert_list_shows(self, launcher, name, *rows):
         """The tab "rpc" or "nginx" comes to show these rows, to the pixel."""
         expected = self.directory / "expected.png"
-        subprocess.run([LIST_PICTURE, name, expected, *rows], env=launcher.environment, check=True)
+        subprocess.run([os.environ["ORVANE_LIST_PICTURE"], name, expected, *rows],
+                       env=launcher.environment, check=True)
         pixels = Image.open(expected).convert("RGB").tobytes()
 
         def shown():

@@ -1,0 +1,82 @@
+"""Which processes there are, and how to end one (Linux)."""
+
+import ctypes
+import os
+import subprocess
+from pathlib import Path
+
+import psutil
+
+GONE = (psutil.NoSuchProcess, psutil.AccessDenied, psutil.ZombieProcess)
+
+
+def running(process):
+    """A child that nobody has waited for (a zombie) does not count."""
+    try:
+        return process.status() != psutil.STATUS_ZOMBIE
+    except GONE:
+        return False
+
+
+def existing(pids):
+    """The processes (psutil.Process) of those that have not gone meanwhile."""
+    processes = []
+    for pid in pids:
+        try:
+            processes.append(psutil.Process(pid))
+        except GONE:
+            pass
+    return processes
+
+
+def adopt_orphans():
+    """Makes this process the parent of every descendant whose own parent has ended."""
+    set_child_subreaper = 36
+    ctypes.CDLL(None, use_errno=True).prctl(set_child_subreaper, 1, 0, 0, 0)
+
+
+def descendants(pid):
+    """The process ids of all below this one."""
+    found = []
+    for children in Path(f"/proc/{pid}/task").glob("*/children"):  # of each of its threads
+        try:
+            found += map(int, children.read_text().split())
+        except (FileNotFoundError, ProcessLookupError):
+            pass  # it has ended
+    return found + [further for child in found for further in descendants(child)]
+
+
+def session(pid):
+    try:
+        return os.getsid(pid)
+    except ProcessLookupError:
+        return None
+
+
+def lies_below(directory, pid):
+    """Whether its program (or its script) or its working directory lies below `directory`."""
+    below = os.path.realpath(directory) + "/"
+    try:
+        # A zombie has neither link; asked here first, since there may be thousands.
+        places = [os.readlink(f"/proc/{pid}/exe"), os.readlink(f"/proc/{pid}/cwd") + "/"]
+        places += Path(f"/proc/{pid}/cmdline").read_text(errors="replace").split("\0")[:2]
+    except OSError:
+        return False  # it has gone, or belongs to another user
+    return any(place.startswith(below) for place in places)
+
+
+def processes_below(directory):
+    """The running processes that lies_below() the directory."""
+    return [process for process in existing(
+        pid for pid in psutil.pids() if lies_below(directory, pid)) if running(process)]
+
+
+def end(process, seconds=5):
+    """Ends a subprocess.Popen politely, then for certain."""
+    if process.poll() is None:
+        process.terminate()
+        try:
+            process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            process.kill()
+    process.wait()
