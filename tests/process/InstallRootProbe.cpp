@@ -5,9 +5,26 @@
 
 #include <cstdio>
 #include <string>
+#include <sys/resource.h>
+
+namespace {
+
+/// A look-up that never ends must not take the machine's memory. The address sanitizer maps more
+/// than that for itself.
+void limitMemory()
+{
+#ifndef __SANITIZE_ADDRESS__
+    constexpr rlim_t gibibyte = 1U << 30U;
+    const rlimit limit{gibibyte, gibibyte};
+    setrlimit(RLIMIT_AS, &limit);
+#endif
+}
+
+} // namespace
 
 int main()
 {
+    limitMemory();
     MyProgress first;
     int character = '\n';
     while (character != EOF) {

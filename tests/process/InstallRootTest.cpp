@@ -291,7 +291,7 @@ void InstallRootTest::withoutProcTheStartedPathCounts()
     }
     if (QProcess::execute("unshare",
                           namespaces + QStringList{"mount", "-t", "tmpfs", "none", "/proc"}) != 0) {
-        QSKIP("this machine lets nobody have file systems of his own");
+        QSKIP("this machine lets nobody have file systems of his own", ""); // Clang wants two
     }
     enter("orvane.app/MacOS");
     putProbe("probe");

@@ -5,6 +5,7 @@
 #include <QTest>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <dlfcn.h>
@@ -41,16 +42,36 @@ void MyProgressTest::fieldsHaveTheirTypes()
     static_assert(sizeof(R::reserved) == sizeof(void *));
 }
 
+/// And nothing stands between or behind them, such as a lock.
 void MyProgressTest::fieldsStandInOrder()
 {
+    struct Fields
+    {
+        void *virtualSlots;
+        bool running;
+        std::int32_t childPid;
+        std::array<std::int32_t, 2> pipeFds;
+        std::int32_t readerResult;
+        bool launchRequested;
+        std::string basePath;
+        pthread_t readerThread;
+        std::uintptr_t reserved;
+    };
+    static_assert(sizeof(MyProgress) == sizeof(Fields));
+
     const Recorder runner;
-    const std::array<const void *, 9> fields{
-        &runner,          &runner.running,      &runner.childPid,
-        &runner.pipeFds,  &runner.readerResult, &runner.launchRequested,
-        &runner.basePath, &runner.readerThread, &runner.reserved};
-    for (std::size_t i = 1; i < fields.size(); ++i) {
-        QVERIFY2(std::less<>()(fields[i - 1], fields[i]), qPrintable(QString::number(i)));
-    }
+    const auto offset = [&runner](const auto &field) {
+        return static_cast<std::size_t>(reinterpret_cast<const char *>(&field) -
+                                        reinterpret_cast<const char *>(&runner));
+    };
+    QCOMPARE(offset(runner.running), offsetof(Fields, running));
+    QCOMPARE(offset(runner.childPid), offsetof(Fields, childPid));
+    QCOMPARE(offset(runner.pipeFds), offsetof(Fields, pipeFds));
+    QCOMPARE(offset(runner.readerResult), offsetof(Fields, readerResult));
+    QCOMPARE(offset(runner.launchRequested), offsetof(Fields, launchRequested));
+    QCOMPARE(offset(runner.basePath), offsetof(Fields, basePath));
+    QCOMPARE(offset(runner.readerThread), offsetof(Fields, readerThread));
+    QCOMPARE(offset(runner.reserved), offsetof(Fields, reserved));
 }
 
 /// In memory that is not clean, so that each value is one that the constructor gives.
