@@ -53,7 +53,8 @@ class PrivateDirectory(BundleTest):
 
     def test_takes_only_absolute_paths_from_the_environment(self):
         home = self.directory("home")
-        nginx = self.shipped(XDG_RUNTIME_DIR="run", XDG_STATE_HOME="state", HOME=home)
+        nginx = self.shipped(XDG_RUNTIME_DIR="html", XDG_STATE_HOME="html", HOME=home)
+        os.chown(nginx.directory / "html", USER, -1)
         self.assert_serves_from(nginx, home / ".local/state")
 
     def test_is_not_made_where_the_bundle_can_be_written(self):
@@ -117,6 +118,8 @@ class PrivateDirectory(BundleTest):
     def test_serves_root_from_a_read_only_disk(self):
         home = self.directory("home", 0)
         nginx = self.nginx(environment={**PLAIN, "HOME": str(home)})
+        self.assertEqual(nginx.run("-t")[0], 0)
+        self.assertEqual(list(home.iterdir()), [])
         read_only = with_mount(f"--bind -o ro {nginx.directory} {nginx.directory}")
         status, output = nginx.run("-t", before=read_only, cwd="/",
                                    script=nginx.directory / "sbin/nginx")

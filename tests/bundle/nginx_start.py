@@ -3,7 +3,7 @@
 import os
 import re
 import socket
-import threading
+import stat
 import unittest
 from pathlib import Path
 
@@ -67,9 +67,13 @@ class Serving(BundleTest):
         before = sorted(nginx.directory.rglob("*"))
         nginx.deploy()
         get()
+        run = nginx.directory / "run"
+        self.assertEqual({path.name for path in run.iterdir()}, {
+            "nginx.pid", "ipv6.conf", "client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+        self.assertEqual(stat.S_IMODE(run.stat().st_mode), 0o700)
         nginx.stop()
         after = sorted(p for p in nginx.directory.rglob("*")
-                       if nginx.directory / "run" not in [p, *p.parents])
+                       if run not in [p, *p.parents])
         self.assertEqual(after, before)
         self.assertEqual(sorted(self.scratch.iterdir()), [self.scratch / "orvane.app"])
 

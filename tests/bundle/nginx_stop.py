@@ -5,6 +5,7 @@ import fcntl
 import http.client
 import os
 import random
+import signal
 import subprocess
 import termios
 import time
@@ -26,8 +27,8 @@ class StopCommand(BundleTest):
             self.assertFalse(nginx.pid_file.exists())
 
     def test_says_that_nothing_is_running(self):
-        for signal in ("stop", "quit", "reopen"):
-            status, output = self.nginx(f"{signal}/orvane.app").run("-s", signal)
+        for name in ("stop", "quit", "reopen"):
+            status, output = self.nginx(f"{name}/orvane.app").run("-s", name)
             self.assertEqual(status, 1)
             self.assert_one_line(output, "not running")
 
@@ -59,6 +60,12 @@ class StopCommand(BundleTest):
         waiting = array.array("i", [0])
         wait_for("the pipe is full", lambda: not fcntl.ioctl(reading, termios.FIONREAD, waiting)
                  and waiting[0] > size - len("12:34:56 200 GET /\n"))
+        self.assertEqual(nginx.stop_command()[0], 0)
+        self.assert_nothing_left(nginx)
+
+    def test_kills_an_nginx_that_does_not_heed_it(self):
+        nginx = self.deployed()
+        nginx.child.send_signal(signal.SIGSTOP)
         self.assertEqual(nginx.stop_command()[0], 0)
         self.assert_nothing_left(nginx)
 
