@@ -12,7 +12,7 @@ from pathlib import Path
 import psutil
 
 from desktop import port_open, wait_for
-from processes import GONE, processes_below, running
+from processes import GONE, processes_below
 
 PORT = 4200
 SHIPPED = Path(os.environ["ORVANE_NGINX"])
@@ -143,10 +143,11 @@ class Nginx:
         return processes_below(self.directory)
 
     def close(self):
-        for process in [*self.children, *self.left()]:
-            process.kill()
         for child in self.children:
+            child.kill()
             child.wait()
+        for process in self.left():
+            process.kill()
         self.directory.chmod(0o755)
 
 
@@ -187,4 +188,4 @@ class BundleTest(unittest.TestCase):
 
 
 __all__ = ["BundleTest", "ME", "Nginx", "PLAIN", "PORT", "USER", "can_mount", "get", "has_ipv6",
-           "listening", "port_open", "running", "wait_for", "with_mount"]
+           "listening", "port_open", "wait_for", "with_mount"]
