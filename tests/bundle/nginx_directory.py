@@ -20,7 +20,7 @@ class PrivateDirectory(BundleTest):
         nginx.deploy()
         lines = nginx.output.splitlines()
         self.assertEqual(len(lines), 1, lines)
-        self.assertIn(f"{nginx.directory}/run is not this user's to write in", lines[0])
+        self.assertIn(f"{nginx.directory}/run cannot be written by this user", lines[0])
         self.assertRegex(lines[0], f"nginx writes in {base}/orvane/")
         made, = (base / "orvane").iterdir()
         self.assertTrue((made / "run/nginx.pid").exists())

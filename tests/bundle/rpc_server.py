@@ -140,14 +140,19 @@ class Protocol(RpcServerTest):
         self.assertEqual(post(fits)[0], 200)
         for name, body, headers in (
                 ("length", fits + b" ", {}),
-                ("packed", gzip.compress(b" " * 10_000_000), {"Content-Encoding": "gzip"}),
-                ("pieces", iter([b" " * MOST_BYTES, b"{}"]), {"Transfer-Encoding": "chunked"})):
+                ("packed", gzip.compress(b" " * 10_000_000), {"Content-Encoding": "gzip"})):
             with self.subTest(name=name):
-                connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=10)
-                self.addCleanup(connection.close)
-                connection.request("POST", "/rpc", body, headers, encode_chunked=name == "pieces")
-                self.assertEqual(connection.getresponse().status, 413)
+                self.assertEqual(post(body, **headers)[0], 413)
         self.assertIn("result", ask(call("channel.open")))
+
+    def test_refuses_an_oversized_body_before_its_end(self):
+        connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=30)
+        self.addCleanup(connection.close)
+        connection.putrequest("POST", "/rpc")
+        connection.putheader("Transfer-Encoding", "chunked")
+        connection.endheaders()
+        connection.send(b"%x\r\n%s\r\n" % (MOST_BYTES + 1, b" " * (MOST_BYTES + 1)))
+        self.assertEqual(connection.getresponse().status, 413)
 
     def test_survives_a_deeply_nested_body(self):
         deep = "[" * 30000 + "]" * 30000
