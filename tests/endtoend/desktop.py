@@ -134,12 +134,14 @@ class Desktop:
 
 
 class Launcher:
-    """The launcher in its window on a desktop. `options` are its own, for the toolkit.
+    """The launcher in its window on a desktop. `options` are its own, for the toolkit; `within` is a
+    command that it is started by and that becomes it.
 
     Its standard output and error go into files (`output`, `errors`), unless `stdout` says else.
     """
 
-    def __init__(self, desktop, program, options=(), cwd=None, stdout=None, landmarks=None):
+    def __init__(self, desktop, program, options=(), cwd=None, stdout=None, landmarks=None,
+                 within=()):
         self.desktop = desktop
         self.program = os.path.abspath(program)
         adopt_orphans()
@@ -150,7 +152,7 @@ class Launcher:
         self.landmarks = self._find_landmarks(landmarks, options)
         with open(self._output, "wb") as output, open(self._errors, "wb") as errors:
             self.process = subprocess.Popen(
-                [self.program, *options], cwd=cwd, env=self.environment, stdout=stdout or output,
+                [*within, self.program, *options], cwd=cwd, env=self.environment, stdout=stdout or output,
                 stderr=errors, stdin=subprocess.DEVNULL, start_new_session=True,
                 preexec_fn=self._as_from_a_menu)
         try:
