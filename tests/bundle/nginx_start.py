@@ -55,6 +55,20 @@ class Serving(BundleTest):
         for line, expected in zip(nginx.output.splitlines(), expected_lines, strict=True):
             self.assertRegex(line, r"^\d\d:\d\d:\d\d" + re.escape(expected) + "$")
 
+    def test_serves_on_when_nobody_reads_its_output(self):
+        for early in (False, True):
+            nginx = self.nginx(f"{early}/orvane.app")
+            reading, writing = os.pipe()
+            if early:
+                os.close(reading)
+            nginx.deploy(stdout=writing)
+            os.close(writing)
+            if not early:
+                os.close(reading)
+            for _ in range(3):
+                self.assertEqual(get()[0], 200)
+            nginx.stop()
+
     def test_names_the_rpc_server_that_does_not_answer(self):
         nginx = self.deployed()
         self.assertEqual(get("/rpc")[0], 502)

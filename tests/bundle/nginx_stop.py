@@ -125,7 +125,9 @@ class StalePidFile(BundleTest):
 
     def test_a_killed_nginx_is_replaced_at_once(self):
         nginx = self.deployed()
-        nginx.kill()
+        os.kill(nginx.child.pid, signal.SIGKILL)  # and not waited for, as the launcher does
+        wait_for("it has ended", lambda: not nginx.left())
+        self.assertEqual(nginx.stop_command()[0], 1)
         self.assertTrue(nginx.pid_file.exists())
         nginx.deploy()
         self.assertEqual(get()[0], 200)

@@ -5,6 +5,7 @@ import gzip
 import http.client
 import json
 import os
+import select
 import socket
 import subprocess
 import unittest
@@ -145,14 +146,23 @@ class Protocol(RpcServerTest):
                 self.assertEqual(post(body, **headers)[0], 413)
         self.assertIn("result", ask(call("channel.open")))
 
-    def test_refuses_an_oversized_body_before_its_end(self):
+    def test_refuses_a_body_without_end(self):
         connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=30)
         self.addCleanup(connection.close)
         connection.putrequest("POST", "/rpc")
         connection.putheader("Transfer-Encoding", "chunked")
         connection.endheaders()
-        connection.send(b"%x\r\n%s\r\n" % (MOST_BYTES + 1, b" " * (MOST_BYTES + 1)))
-        self.assertEqual(connection.getresponse().status, 413)
+        piece = b"%x\r\n%s\r\n" % (MOST_BYTES, b" " * MOST_BYTES)
+        for _ in range(1000):  # more than the system keeps on the way to a server that is gone
+            if select.select([connection.sock], [], [], 0)[0]:
+                break
+            try:
+                connection.send(piece)
+            except OSError:
+                break
+        else:
+            self.fail("it took all of the body")
+        self.assertIn("result", ask(call("channel.open")))
 
     def test_survives_a_deeply_nested_body(self):
         deep = "[" * 30000 + "]" * 30000
