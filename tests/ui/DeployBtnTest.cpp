@@ -1,0 +1,141 @@
+#include "ui/DeployBtn.h"
+#include "tests/ui/MetaObject.h"
+#include "tests/ui/Parent.h"
+
+#include <QMouseEvent>
+#include <QSignalSpy>
+
+#include <memory>
+
+Q_DECLARE_METATYPE(Qt::MouseButton)
+
+namespace {
+
+/// Sends one mouse event as the window system would: @p cause is the button that moved, @p held are
+/// those that are down afterwards. Returns whether the button took it.
+bool send(DeployBtn &button, QEvent::Type type, Qt::MouseButton cause, Qt::MouseButtons held,
+          QPoint position = {5, 5})
+{
+    QMouseEvent event(type, position, button.mapToGlobal(position), cause, held, Qt::NoModifier);
+    QCoreApplication::sendEvent(&button, &event);
+    return event.isAccepted();
+}
+
+} // namespace
+
+class DeployBtnTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        button = std::make_unique<DeployBtn>(nullptr);
+        button->resize(100, 30);
+        // By the signal's text, as the main window connects it.
+        action = std::make_unique<QSignalSpy>(button.get(), SIGNAL(clicked()));
+        inherited = std::make_unique<QSignalSpy>(button.get(), &QAbstractButton::clicked);
+    }
+
+    void hasOneSignal()
+    {
+        checkOneSignal(DeployBtn::staticMetaObject, "DeployBtn", "QPushButton", "clicked()");
+    }
+
+    void addsNoFields() { QCOMPARE(sizeof(DeployBtn), sizeof(QPushButton)); }
+
+    void takesItsParent() { checkParent<DeployBtn>("DeployBtn"); }
+
+    void aLeftPressActsBeforeTheRelease()
+    {
+        QVERIFY(send(*button, QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton));
+        QCOMPARE(action->count(), 1);
+        QCOMPARE(inherited->count(), 0);
+        QVERIFY(button->isDown());
+
+        QVERIFY(send(*button, QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton));
+        QCOMPARE(action->count(), 1);
+        QCOMPARE(inherited->count(), 1);
+        QVERIFY(!button->isDown());
+    }
+
+    void theActionRunsBeforeTheButtonGoesDown()
+    {
+        QList<bool> down;
+        QObject::connect(button.get(), &DeployBtn::clicked, this,
+                         [&] { down.append(button->isDown()); });
+        send(*button, QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton);
+        QCOMPARE(down, QList<bool>{false});
+    }
+
+    void aReleaseOutsideLeavesTheActionRunOnce()
+    {
+        send(*button, QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton);
+        send(*button, QEvent::MouseMove, Qt::NoButton, Qt::LeftButton, {500, 500});
+        send(*button, QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton, {500, 500});
+        QCOMPARE(action->count(), 1);
+        QCOMPARE(inherited->count(), 0);
+    }
+
+    void otherButtonsDoNothing_data()
+    {
+        QTest::addColumn<Qt::MouseButton>("other");
+        QTest::newRow("right") << Qt::RightButton;
+        QTest::newRow("middle") << Qt::MiddleButton;
+        QTest::newRow("back") << Qt::BackButton;
+    }
+
+    /// The event still reaches the inherited handling, which leaves it to the parent.
+    void otherButtonsDoNothing()
+    {
+        QFETCH(Qt::MouseButton, other);
+        QVERIFY(!send(*button, QEvent::MouseButtonPress, other, other));
+        QVERIFY(!button->isDown());
+        send(*button, QEvent::MouseButtonRelease, other, Qt::NoButton);
+        QCOMPARE(action->count(), 0);
+        QCOMPARE(inherited->count(), 0);
+    }
+
+    void theButtonThatMovedDecidesAndNotThoseThatAreHeld()
+    {
+        send(*button, QEvent::MouseButtonPress, Qt::RightButton, Qt::LeftButton | Qt::RightButton);
+        QCOMPARE(action->count(), 0);
+        send(*button, QEvent::MouseButtonPress, Qt::RightButton, Qt::LeftButton);
+        QCOMPARE(action->count(), 0);
+        send(*button, QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton | Qt::RightButton);
+        QCOMPARE(action->count(), 1);
+        send(*button, QEvent::MouseButtonPress, Qt::LeftButton, Qt::NoButton);
+        QCOMPARE(action->count(), 2);
+    }
+
+    void aDoubleClickActsTwice()
+    {
+        send(*button, QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton);
+        send(*button, QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton);
+        QCOMPARE(action->count(), 1);
+        send(*button, QEvent::MouseButtonDblClick, Qt::LeftButton, Qt::LeftButton);
+        QCOMPARE(action->count(), 2);
+        send(*button, QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton);
+        QCOMPARE(action->count(), 2);
+        QCOMPARE(inherited->count(), 2);
+    }
+
+    void theKeyboardAndTheProgramRunOnlyTheInheritedClick()
+    {
+        button->show();
+        button->setFocus();
+        QTest::keyClick(button.get(), Qt::Key_Space);
+        QCOMPARE(inherited->count(), 1);
+        button->click();
+        QCOMPARE(inherited->count(), 2);
+        QCOMPARE(action->count(), 0);
+    }
+
+private:
+    std::unique_ptr<DeployBtn> button;
+    std::unique_ptr<QSignalSpy> action;
+    std::unique_ptr<QSignalSpy> inherited;
+};
+
+QTEST_MAIN(DeployBtnTest)
+#include "DeployBtnTest.moc"
