@@ -1,10 +1,8 @@
 #include "services/Connect.h"
 
-#include "services/Nginx.h"
-#include "services/RpcServer.h"
 #include "tests/support/Allocations.h"
+#include "tests/support/Controllers.h"
 #include "tests/support/Crash.h"
-#include "tests/support/Services.h"
 #include "tests/support/StandardOutput.h"
 #include "tests/support/Unset.h"
 #include "tests/support/WatchedView.h"
@@ -18,25 +16,18 @@
 #include <stdexcept>
 #include <type_traits>
 
+using namespace Controllers;
+
 namespace {
 
 /// The coordinator with its fields in the open.
-class Open : public Connect
+class Coordinator : public Connect
 {
 public:
     using Connect::nginx;
     using Connect::nginxView;
     using Connect::rpc;
     using Connect::rpcView;
-};
-
-/// The fields of a controller, which the coordinator holds by its own class.
-template <typename Controller>
-class Fields : public Controller
-{
-public:
-    static pid_t childOf(const Controller *controller) { return controller->*(&Fields::childPid); }
-    static int pipeOf(const Controller *controller) { return (controller->*(&Fields::pipeFds))[0]; }
 };
 
 } // namespace
@@ -51,7 +42,7 @@ private slots:
         CallLog::clear();
         nginxView = std::make_unique<WatchedView<NginxQListView>>(nullptr);
         rpcView = std::make_unique<WatchedView<RpcQListView>>(nullptr);
-        connect = std::make_unique<Open>();
+        connect = std::make_unique<Coordinator>();
     }
 
     void cleanup()
@@ -64,7 +55,7 @@ private slots:
 
     void startsEmpty()
     {
-        const Unset<Open> unset;
+        const Unset<Coordinator> unset;
         QCOMPARE(unset->nginx, nullptr);
         QCOMPARE(unset->rpc, nullptr);
         QCOMPARE(unset->rpcView, nullptr);
@@ -73,10 +64,10 @@ private slots:
 
     void holdsFourPointersInOrder()
     {
-        QVERIFY((std::is_same_v<decltype(Open::nginx), Nginx *>));
-        QVERIFY((std::is_same_v<decltype(Open::rpc), RpcServer *>));
-        QVERIFY((std::is_same_v<decltype(Open::rpcView), RpcQListView *>));
-        QVERIFY((std::is_same_v<decltype(Open::nginxView), NginxQListView *>));
+        QVERIFY((std::is_same_v<decltype(Coordinator::nginx), Nginx *>));
+        QVERIFY((std::is_same_v<decltype(Coordinator::rpc), RpcServer *>));
+        QVERIFY((std::is_same_v<decltype(Coordinator::rpcView), RpcQListView *>));
+        QVERIFY((std::is_same_v<decltype(Coordinator::nginxView), NginxQListView *>));
         const auto *start = reinterpret_cast<const char *>(connect.get());
         const auto place = [&](const void *field) {
             return (static_cast<const char *>(field) - start) /
@@ -111,7 +102,7 @@ private slots:
         QVERIFY(connect->rpc != nullptr);
         QCOMPARE(rowsOf(nginxView->model()), started(Services::nginx));
         QCOMPARE(rowsOf(rpcView->model()), started(Services::rpcServer));
-        QVERIFY(areIdle());
+        QVERIFY(areIdle(*connect));
     }
 
     void aControllerIsStoredBeforeItIsStarted()
@@ -149,14 +140,14 @@ private slots:
         const QString oldRpc = killOf(connect->rpc);
         CallLog::clear();
         connect->openNginx();
-        QVERIFY(isStarted("nginx", 1));
+        QVERIFY(eventually([&] { return isIdleNow(connect->nginx, "nginx starts"); }));
         connect->openRpc();
-        QVERIFY(isStarted("rpc", 1));
+        QVERIFY(eventually([&] { return isIdleNow(connect->rpc, "rpc starts"); }));
         QCOMPARE(CallLog::lines(), QStringList({stopCommand(), "nginx stops", oldNginx,
                                                 "nginx starts", oldRpc, "rpc starts"}));
         QCOMPARE(rowsOf(nginxView->model()), started(Services::nginx));
         QCOMPARE(rowsOf(rpcView->model()), started(Services::rpcServer));
-        QVERIFY(areIdle());
+        QVERIFY(areIdle(*connect));
     }
 
     void aRedeployDeletesTheOldControllerBeforeItMakesTheNew()
@@ -277,17 +268,15 @@ private slots:
         install();
         setViews();
         connect->openNginx();
-        QVERIFY(isStarted("nginx", 1));
-        QVERIFY(isReading(Fields<Nginx>::pipeOf(connect->nginx)));
+        QVERIFY(eventually([&] { return isIdleNow(connect->nginx, "nginx starts"); }));
         const QString nginxKill = killOf(connect->nginx);
         CallLog::clear();
         connect.reset();
         QCOMPARE(CallLog::lines(), QStringList({stopCommand(), "nginx stops", nginxKill}));
 
-        connect = std::make_unique<Open>();
+        connect = std::make_unique<Coordinator>();
         connect->openRpc();
-        QVERIFY(isStarted("rpc", 1));
-        QVERIFY(isReading(Fields<RpcServer>::pipeOf(connect->rpc)));
+        QVERIFY(eventually([&] { return isIdleNow(connect->rpc, "rpc starts"); }));
         const QString rpcKill = killOf(connect->rpc);
         CallLog::clear();
         connect.reset();
@@ -358,36 +347,9 @@ private:
     {
         setViews();
         QVERIFY(connect->openNginx());
-        QVERIFY(isStarted("nginx", 1));
+        QVERIFY(eventually([&] { return isIdleNow(connect->nginx, "nginx starts"); }));
         QVERIFY(connect->openRpc());
-        QVERIFY(isStarted("rpc", 1));
-        QVERIFY(areIdle());
-    }
-
-    static bool isStarted(const QString &service, int times)
-    {
-        return eventually(
-            [&] { return CallLog::lines().filter(service + " starts").size() == times; });
-    }
-    static bool isReading(int fd)
-    {
-        return eventually([&] { return CallLog::readersOf(fd) > 0; });
-    }
-    bool areIdle() const
-    {
-        return isStarted("nginx", 1) && isStarted("rpc", 1) &&
-               isReading(Fields<Nginx>::pipeOf(connect->nginx)) &&
-               isReading(Fields<RpcServer>::pipeOf(connect->rpc));
-    }
-
-    static QString stopCommand()
-    {
-        return "system cd " + BundleTest::root() + "/nginx && sbin/nginx -s stop";
-    }
-    template <typename Controller>
-    static QString killOf(const Controller *controller)
-    {
-        return QString("kill %1 9").arg(Fields<Controller>::childOf(controller));
+        QVERIFY(areIdle(*connect));
     }
 
     static QStringList started(const QString &program)
@@ -415,7 +377,7 @@ private:
 
     std::unique_ptr<WatchedView<NginxQListView>> nginxView;
     std::unique_ptr<WatchedView<RpcQListView>> rpcView;
-    std::unique_ptr<Open> connect;
+    std::unique_ptr<Coordinator> connect;
 };
 
 BUNDLE_TEST_MAIN(QApplication, ConnectTest)
