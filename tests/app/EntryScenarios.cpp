@@ -12,10 +12,12 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
 #include <pthread.h>
 #include <stdexcept>
+#include <unistd.h>
 #include <vector>
 
 int launcherMain(int argc, char **argv); // the main function of app/main.cpp
@@ -175,6 +177,7 @@ int EntryScenarios::run(int argc, char **argv)
             return !Allocations::wasDeleted(object);
         });
         note("coordinators left", QByteArray::number(static_cast<int>(left)));
-        return 42;
+        std::fflush(nullptr);
+        _exit(42); // what the exception left behind is no leak to look for
     }
 }

@@ -6,8 +6,10 @@
 #include <QPointer>
 #include <QTest>
 
+#include <algorithm>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 Q_DECLARE_METATYPE(QMargins)
 
