@@ -24,6 +24,7 @@ class ControllerTest : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase() { threadsAtRest = threads(); }
     void init() { CallLog::clear(); }
     void cleanup()
     {
@@ -49,6 +50,12 @@ private slots:
     virtual void releasesItsMessagesBeforeTheKill() = 0;
     virtual void aChunkDuringTheDestructionGoesToStandardOutput() = 0;
     virtual void aSecondStartLeavesTheFirstRunning() = 0;
+
+protected:
+    static int threads() { return QDir("/proc/self/task").entryList(QDir::Dirs).size(); }
+
+    /// How many threads there are without a reader.
+    int threadsAtRest = 0;
 };
 
 /// The same for one class and its view.
@@ -97,8 +104,6 @@ protected:
         QCOMPARE(mkfifo(qPrintable(fifo()), 0600), 0);
     }
     static void goOn() { std::ofstream(qPrintable(fifo())) << "go\n"; }
-
-    static int threads() { return QDir("/proc/self/task").entryList(QDir::Dirs).size(); }
 
 private:
     void startsWithoutViewAndMessages() override
@@ -365,7 +370,6 @@ private:
     {
         install({});
         Watched view(nullptr);
-        const int before = threads();
         Open controller;
         controller.setUi(&view);
         QVERIFY(isIdle(controller));
@@ -390,7 +394,7 @@ private:
         controller.setStatus(false);
         kill(first, SIGKILL);
         kill(second, SIGKILL);
-        QVERIFY(eventually([&] { return threads() == before; }));
+        QVERIFY(eventually([&] { return threads() == threadsAtRest; }));
         close(firstPipe);
     }
 

@@ -4,8 +4,6 @@
 
 #include <QFile>
 
-#include <array>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -33,7 +31,10 @@ Read *nextRead = nullptr;
     nextRead = next<Read>("read");
 }
 
-std::array<std::atomic<int>, 1024> reading{};
+// Plain numbers and built-in operations: a reader may be cancelled at any instruction, and inside a
+// function that is noexcept, as those of std::atomic are, that would end the process.
+constexpr int descriptors = 1024;
+int reading[descriptors];
 
 } // namespace
 
@@ -72,7 +73,7 @@ void CallLog::clear()
 
 int CallLog::readersOf(int fd)
 {
-    return reading.at(static_cast<std::size_t>(fd));
+    return fd < descriptors ? __atomic_load_n(&reading[fd], __ATOMIC_SEQ_CST) : -1;
 }
 
 extern "C" {
@@ -103,19 +104,18 @@ int system(const char *command)
     return nextSystem(command);
 }
 
-/// Holds no object: a reader is cancelled in here.
 ssize_t read(int fd, void *buffer, size_t size)
 {
     if (nextRead == nullptr) { // a library that starts before this program does
         findWhatReadersCall();
     }
-    const bool counted = fd >= 0 && static_cast<std::size_t>(fd) < reading.size();
+    const bool counted = fd >= 0 && fd < descriptors;
     if (counted) {
-        ++reading[static_cast<std::size_t>(fd)];
+        __atomic_add_fetch(&reading[fd], 1, __ATOMIC_SEQ_CST);
     }
     const ssize_t count = nextRead(fd, buffer, size);
     if (counted) {
-        --reading[static_cast<std::size_t>(fd)];
+        __atomic_sub_fetch(&reading[fd], 1, __ATOMIC_SEQ_CST);
     }
     return count;
 }
