@@ -121,6 +121,20 @@ void act()
     }
 }
 
+/// Looks at the window when it is about to be shown for the first time.
+class FirstShow : public QObject
+{
+public:
+    bool eventFilter(QObject *receiver, QEvent *event) override
+    {
+        if (event->type() == QEvent::Show && receiver == window()) {
+            note("shown with its coordinator", yes(coordinator() != nullptr));
+            QCoreApplication::instance()->removeEventFilter(this);
+        }
+        return false;
+    }
+};
+
 void throwing(QtMsgType, const QMessageLogContext &, const QString &)
 {
     throw std::runtime_error("in the window");
@@ -138,6 +152,10 @@ void whenTheApplicationStarts()
     if (scenario() == "throw in the window") {
         QObject::connect(qApp, &QObject::destroyed, [] { CallLog::note("application destroyed"); });
         qInstallMessageHandler(throwing);
+    }
+    if (scenario().contains("look")) {
+        static FirstShow firstShow;
+        qApp->installEventFilter(&firstShow);
     }
     QTimer::singleShot(0, act);
 }

@@ -24,6 +24,7 @@ private slots:
         QCOMPARE(run("look around"), 0);
         QCOMPARE(CallLog::lines(), QStringList({
                                        QString("application flags: %1").arg(QT_VERSION),
+                                       "shown with its coordinator: yes",
                                        "window shown: yes",
                                        "window has a parent: no",
                                        "window is local: yes",

@@ -10,11 +10,13 @@
 #include "ui/DeployBtn.h"
 #include "ui/NginxQListView.h"
 #include "ui/RpcQListView.h"
+#include "ui_MainWindow.h"
 
 #include <QApplication>
 #include <QMetaMethod>
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <memory>
@@ -99,6 +101,18 @@ private slots:
         const void *first = nullptr; // the first pointer of the form's holder
         std::memcpy(&first, fieldsOf(*window)[0], sizeof first);
         QCOMPARE(first, window->centralWidget());
+    }
+
+    void makesItsFormOnTheHeap()
+    {
+        const Warnings silenced;
+        Allocations::record();
+        const MainWindow second(nullptr);
+        const auto events = Allocations::recorded();
+        QVERIFY(std::any_of(events.begin(), events.end(), [&](const Allocations::Event &event) {
+            return event.made && event.address == fieldsOf(second)[0] &&
+                   event.bytes == sizeof(Ui_MainWindow);
+        }));
     }
 
     void startsWithoutACoordinatorAndDeletesNone()
@@ -204,10 +218,14 @@ private slots:
         const auto *rpcs = other.findChild<RpcQListView *>("listView");
         const auto *nginxs = other.findChild<NginxQListView *>("listView_2");
         QList<int> rpcRows; // when the nginx view changes
-        QObject::connect(nginxs, &NginxQListView::nginxUpdated, this,
-                         [&] { rpcRows.append(rowsOf(rpcs->model()).size()); });
+        bool owned = false;
+        QObject::connect(nginxs, &NginxQListView::nginxUpdated, this, [&] {
+            rpcRows.append(rowsOf(rpcs->model()).size());
+            owned = fieldsOf(other)[1] == deployed;
+        });
         other.setConnect(deployed);
         QCOMPARE(rpcRows, QList<int>({4, 4}));
+        QVERIFY(owned);
         QCOMPARE(rowsOf(nginxs->model()).size(), 4);
         QCOMPARE(fieldsOf(other)[1], deployed);
     }

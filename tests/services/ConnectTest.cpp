@@ -255,9 +255,11 @@ private slots:
         CallLog::clear();
         const void *oldRpc = connect->rpc;
         const void *oldNginx = connect->nginx;
+        const StandardOutput output;
         Allocations::record();
         connect.reset();
         Allocations::recorded();
+        QCOMPARE(output.text(), QByteArray("Progress stoppedProgress stopped"));
         QCOMPARE(CallLog::lines(), QStringList({rpcKill, stopCommand(), "nginx stops", nginxKill}));
         QVERIFY(Allocations::wasDeleted(oldRpc));
         QVERIFY(Allocations::wasDeleted(oldNginx));

@@ -47,6 +47,7 @@ private slots:
     virtual void showsThePathThenFoundThenTheOutput() = 0;
     virtual void outputIsShownByTheReaderThread() = 0;
     virtual void aRowIsAChunkThatMayCutACharacter() = 0;
+    virtual void aFailedStartIsARow() = 0;
     virtual void releasesItsMessagesBeforeTheKill() = 0;
     virtual void aChunkDuringTheDestructionGoesToStandardOutput() = 0;
     virtual void aSecondStartLeavesTheFirstRunning() = 0;
@@ -82,6 +83,8 @@ protected:
     virtual QString program() const = 0;
     /// Puts a service with these lines there.
     virtual void install(const QByteArray &lines) const = 0;
+    /// What a service that must not be executed leaves in the pipe, at the end.
+    virtual QString failure() const = 0;
 
     QString path() const { return BundleTest::root() + '/' + program(); }
 
@@ -325,6 +328,22 @@ private:
         QCOMPARE(rowsOf(view.model()).mid(2), QStringList({half + QStringLiteral("\uFFFD"),
                                                            QStringLiteral("\uFFFDz\nand more")}));
         QVERIFY(isIdle(controller));
+    }
+
+    void aFailedStartIsARow() override
+    {
+        install({});
+        QVERIFY(QFile::setPermissions(path(), QFile::ReadOwner));
+        Watched view(nullptr);
+        Open controller;
+        controller.setUi(&view);
+        QVERIFY(eventually([&] { return view.count() == 3; }));
+        const QStringList rows = rowsOf(view.model());
+        QCOMPARE(rows.mid(0, 2), QStringList({path(), "File found"}));
+        QVERIFY2(rows.at(2).endsWith(failure()), qPrintable(rows.at(2)));
+        QVERIFY(controller.getStatus());
+        controller.setStatus(false);
+        QVERIFY(eventually([&] { return threads() == threadsAtRest; }));
     }
 
     /// Two lists share their strings until one of them is released.

@@ -11,6 +11,7 @@ class NginxTest : public ControllerTestOf<Nginx, NginxQListView>
 
     QString program() const override { return "nginx/sbin/nginx"; }
     void install(const QByteArray &lines) const override { Services::installNginx(lines); }
+    QString failure() const override { return "sbin/nginx: Permission denied\n"; } // bash's words
 
     static QString folder() { return BundleTest::root() + "/nginx"; }
 
@@ -28,6 +29,30 @@ private slots:
         controller.insertMsg("");
         controller.insertMsg("second");
         QCOMPARE(models, QList<std::size_t>({1, 2}));
+    }
+
+    void theViewIsToldByTheReaderThread()
+    {
+        install("echo output\n");
+        Watched view(nullptr);
+        std::mutex mutex;
+        std::vector<std::thread::id> threads;
+        connect(
+            &view, &NginxQListView::nginxUpdated, this,
+            [&] {
+                const std::lock_guard<std::mutex> lock(mutex);
+                threads.push_back(std::this_thread::get_id());
+            },
+            Qt::DirectConnection);
+        Open controller;
+        controller.setUi(&view);
+        QVERIFY(eventually([&] {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return threads.size() == 3;
+        }));
+        QVERIFY(threads.at(1) == std::this_thread::get_id());
+        QVERIFY(threads.at(2) == view.threadOf(2));
+        QVERIFY(isIdle(controller));
     }
 
     /// bash(1) reads the file that BASH_ENV names before it runs a command.

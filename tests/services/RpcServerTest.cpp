@@ -12,6 +12,7 @@ class RpcServerTest : public ControllerTestOf<RpcServer, RpcQListView>
 
     QString program() const override { return "rpcServer/MacOs/rpcServer"; }
     void install(const QByteArray &lines) const override { Services::installRpcServer(lines); }
+    QString failure() const override { return "child progress loaded fail\n"; }
 
 private slots:
     /// What the new model itself asks for is painted while it is installed.
