@@ -16,6 +16,8 @@ using Kill = int(pid_t, int);
 using System = int(const char *);
 using Read = ssize_t(int, void *, size_t);
 
+const pid_t testProcess = getpid();
+
 /// The C library's own function. Looked up ahead of every reader: one that is cancelled in the
 /// middle of a look-up would leave the loader locked.
 template <typename Function>
@@ -118,5 +120,12 @@ ssize_t read(int fd, void *buffer, size_t size)
         __atomic_sub_fetch(&reading[fd], 1, __ATOMIC_SEQ_CST);
     }
     return count;
+}
+
+/// Asked by the leak sanitizer when a process exits. A child that could not be executed exits with
+/// what it inherited, some of it held by threads that it does not have: nothing to check there.
+int __lsan_is_turned_off() // NOLINT(bugprone-reserved-identifier): the sanitizer's own name
+{
+    return getpid() != testProcess ? 1 : 0;
 }
 }
