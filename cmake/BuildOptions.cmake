@@ -12,13 +12,18 @@ target_compile_options(orvane_options INTERFACE
     -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wcast-align -Wformat=2
     -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi)
 
+if(NOT APPLE)
+    # Not only for hardening: a reader that is cancelled must not be cut off inside the lazy binding
+    # of the calls it makes.
+    target_link_options(orvane_options INTERFACE LINKER:-z,now)
+endif()
+
 if(ORVANE_HARDENING)
     target_compile_options(orvane_options INTERFACE
         -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
     if(NOT APPLE)
         target_compile_options(orvane_options INTERFACE -fstack-clash-protection)
-        target_link_options(orvane_options INTERFACE
-            LINKER:-z,relro LINKER:-z,now LINKER:--as-needed)
+        target_link_options(orvane_options INTERFACE LINKER:-z,relro LINKER:--as-needed)
     endif()
     if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
         target_compile_options(orvane_options INTERFACE -fcf-protection)
@@ -42,7 +47,10 @@ if(ORVANE_SANITIZERS)
 endif()
 
 if(ORVANE_COVERAGE)
-    target_compile_options(orvane_options INTERFACE --coverage -fprofile-update=atomic)
+    # Without the last switch, the end of a local's life gives the reader's frame landing pads, which
+    # a cancelled thread must not meet (process/MyProgress.cpp).
+    target_compile_options(orvane_options INTERFACE
+        --coverage -fprofile-update=atomic -fstack-reuse=none)
     target_link_options(orvane_options INTERFACE --coverage)
 endif()
 
@@ -52,11 +60,14 @@ include(CheckPIESupported)
 check_pie_supported()
 include(CheckIPOSupported)
 check_ipo_supported(RESULT ORVANE_IPO_SUPPORTED OUTPUT ORVANE_IPO_REASON LANGUAGES CXX)
+if(ORVANE_HARDENING AND NOT ORVANE_IPO_SUPPORTED)
+    message(FATAL_ERROR "There is no link-time optimisation here: ${ORVANE_IPO_REASON}")
+endif()
 
 function(orvane_target target)
     target_link_libraries(${target} PRIVATE orvane::options)
     set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
-    if(ORVANE_HARDENING AND ORVANE_IPO_SUPPORTED)
+    if(ORVANE_HARDENING)
         set_target_properties(${target} PROPERTIES INTERPROCEDURAL_OPTIMIZATION ON)
     endif()
 endfunction()

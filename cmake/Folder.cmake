@@ -2,7 +2,7 @@
 #
 # Includes are written from the project's root ("process/MyProgress.h"). A folder's headers are
 # reachable only through a link of that name in a directory that the folder's own target exports,
-# so a target sees exactly the folders that it links to.
+# so a target sees exactly the folders that it links to, and those that they use in turn.
 function(orvane_folder name)
     set(arrow ${CMAKE_BINARY_DIR}/arrows/${name})
     file(MAKE_DIRECTORY ${arrow})

@@ -2,6 +2,8 @@
 # Brings the directory TO up to date with FROM. What was staged earlier and has left FROM goes (the
 # list is kept in the file STAGED); what a running service has put beside it stays.
 
+cmake_minimum_required(VERSION 3.16)
+
 file(GLOB_RECURSE files LIST_DIRECTORIES false RELATIVE "${FROM}" "${FROM}/*")
 set(earlier)
 if(EXISTS "${STAGED}")

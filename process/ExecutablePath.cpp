@@ -42,7 +42,7 @@ std::string linkedPath()
 
 /// The path that the program was started by, made absolute. It stands in where /proc is not
 /// mounted, or where the path is longer than the one page that the kernel gives the link
-/// (ENAMETOOLONG, proc(5)); such a program can only have been started by a relative path.
+/// (ENAMETOOLONG, proc(5)); such a program was started by a relative path or through a link.
 std::string invokedPath()
 {
     // getauxval(3) returns the address as a number.

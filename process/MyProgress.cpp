@@ -86,9 +86,9 @@ std::string MyProgress::GetExeDir()
 
 void MyProgress::makeBasePath()
 {
+    const std::string directory = GetExeDir();
     // The unescaped dot and the missing end are kept: orvane_app and orvane.apple count as well.
     const std::regex bundle("^.*(/orvane.app)");
-    const std::string directory = GetExeDir();
     std::smatch match;
     basePath = std::regex_search(directory, match, bundle) ? match.str() : std::string();
 }
@@ -144,7 +144,8 @@ void MyProgress::runChild(const std::string &path, const std::string &command)
     close(pipeFds[0]);
     dup2(pipeFds[1], STDOUT_FILENO);
     dup2(pipeFds[1], STDERR_FILENO);
-    // Buffered, so an exec that succeeds drops this line and exit() sends it into the pipe.
+    // Buffered unless the launcher writes to a terminal: an exec that succeeds drops this line, and
+    // exit() sends it into the pipe.
     std::puts("Child progress ready");
     if (command.empty()) {
         // Neither arguments nor environment, not even a program name. glibc's execle() cannot say
@@ -158,7 +159,13 @@ void MyProgress::runChild(const std::string &path, const std::string &command)
         execl("/bin/bash", "bash", "-c", command.c_str(), nullptr);
         std::puts("Child progress loaded fail");
     }
-    // Not _exit(): what is buffered, the launcher's unflushed lines among it, goes into the pipe.
+    // What is buffered, the launcher's unflushed lines among it, goes into the pipe. The toolkit's
+    // exit handlers would wait for threads that a forked child lacks (QDBusConnection's, with Qt
+    // 5.15): the handler that is registered last runs first and leaves the others out.
+    std::atexit([] {
+        std::fflush(nullptr);
+        _exit(0);
+    });
     std::exit(0); // NOLINT(concurrency-mt-unsafe): a forked child has one thread
 }
 

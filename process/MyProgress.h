@@ -62,5 +62,5 @@ protected:
 
 private:
     void startReader();
-    void runChild(const std::string &path, const std::string &command);
+    [[noreturn]] void runChild(const std::string &path, const std::string &command);
 };

@@ -3,8 +3,10 @@
 
 set -euo pipefail
 
-project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+project=$(CDPATH='' cd -- "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 current_step=start
+policy=/usr/sbin/policy-rc.d
+made_policy=
 
 # Names what comes next; when it fails, the script says so and ends with its status.
 step() {
@@ -12,13 +14,19 @@ step() {
     printf '== %s\n' "$1"
 }
 
-report_failed_step() {
+# Runs at the end, however it comes.
+finish() {
     local status=$?
+    if [ -n "$made_policy" ]; then
+        as_root rm -f "$policy"
+    fi
     if [ "$status" -ne 0 ]; then
         printf '%s: this step failed: %s (status %d)\n' "$0" "$current_step" "$status" >&2
     fi
 }
-trap report_failed_step EXIT
+trap finish EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM HUP
 
 # What building the bundle and running it takes. GCC's link-time optimisation runs make.
 build_packages=(g++ cmake make ninja-build qtbase5-dev libcpp-httplib-dev nlohmann-json3-dev
@@ -44,20 +52,18 @@ as_root() {
 # on a port of its own, so while the packages go in, the machine is told to start nothing
 # (invoke-rc.d(8)); a policy that is there already stays.
 apt_install() {
-    local policy=/usr/sbin/policy-rc.d made_policy=
-    if [ ! -e $policy ]; then
-        printf '#!/bin/sh\nexit 101\n' | as_root tee $policy >/dev/null
-        as_root chmod 755 $policy
+    if [ ! -e "$policy" ]; then
         made_policy=yes
+        printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null
+        as_root chmod 755 "$policy"
     fi
-    local status=0
-    as_root apt-get update -q &&
-        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -qy --no-install-recommends "$@" ||
-        status=$?
+    as_root apt-get update -q
+    as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -qy --no-install-recommends "$@"
     if [ -n "$made_policy" ]; then
-        as_root rm $policy
+        as_root rm -f "$policy"
+        made_policy=
     fi
-    return $status
 }
 
 # install_missing package...: installs those that are not there; asks for rights only then.
@@ -74,7 +80,7 @@ install_missing() {
         return
     fi
     if ! command -v apt-get >/dev/null; then
-        printf 'No apt-get here; these Debian packages, or what they are called, must be there: %s\n' "$*"
+        printf 'No apt-get here. What these Debian packages hold must be there: %s\n' "$*"
         return
     fi
     for package in "$@"; do
@@ -82,10 +88,12 @@ install_missing() {
         [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
             missing+=("$package")
     done
-    [ ${#missing[@]} -eq 0 ] || apt_install "${missing[@]}"
+    if [ ${#missing[@]} -ne 0 ]; then
+        apt_install "${missing[@]}"
+    fi
 }
 
-# build preset: configures and builds it, quietly unless it fails.
+# build preset: configures and builds it.
 build() {
     step "configure the $1 preset"
     (cd "$project" && cmake --preset "$1" --log-level=WARNING)

@@ -16,8 +16,8 @@ public:
     /// Stores the view (not owned, may be null) and starts the RPC server.
     void setUi(RpcQListView *v);
     /// Does nothing: only deletion stops the RPC server. Static, because the coordinator calls it
-    /// with no controller as well, and a member entered through a null pointer would let the
-    /// compiler drop the test for null that follows.
+    /// with no controller as well, and a member entered through a null pointer allows the compiler
+    /// to drop a test for null that follows.
     static void abolish() {}
 
 protected:

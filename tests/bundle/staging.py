@@ -110,6 +110,17 @@ class Staging(unittest.TestCase):
             running.kill()
         self.assertEqual(program.read_bytes(), self.server.read_bytes())
 
+    def test_goes_back_to_the_sample(self):
+        self.staged()
+        done = self.cmake("-S", SOURCE, "-B", self.build, "-UORVANE_NGINX_DIR",
+                          "-UORVANE_RPC_SERVER")
+        self.assertEqual(done.returncode, 0, done.stdout)
+        self.stage()
+        program = (self.bundle / "rpcServer/MacOs/rpcServer").read_bytes()
+        self.assertIn(b"rpcServer: listening on 127.0.0.1:4201", program)
+        sample = (SOURCE / "bundle/nginx/sbin/nginx").read_bytes()
+        self.assertEqual((self.bundle / "nginx/sbin/nginx").read_bytes(), sample)
+
     def test_refuses_a_path_that_does_not_exist(self):
         for name, path in (("ORVANE_NGINX_DIR", self.scratch / "missing"),
                            ("ORVANE_NGINX_DIR", self.server),

@@ -71,6 +71,7 @@ class Lists(LauncherTest):
         # Its pipe is the first; nginx was not started.
         self.assert_list_shows(launcher, "rpc", str(services.rpc), FOUND,
                                "Pipe ready\n" + EXEC_FAILED)
+        wait_for("the end of the child itself", lambda: not launcher.started())
         self.close(launcher)
 
     def test_nginx_that_cannot_be_executed(self):
