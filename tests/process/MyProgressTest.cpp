@@ -31,15 +31,15 @@ private slots:
 void MyProgressTest::fieldsHaveTheirTypes()
 {
     using R = Recorder;
-    static_assert(std::is_same_v<decltype(R::running), bool>);
-    static_assert(std::is_same_v<decltype(R::childPid), std::int32_t>);
-    static_assert(std::is_same_v<std::decay_t<decltype(std::declval<R>().pipeFds[0])>, int>);
-    static_assert(sizeof(R::pipeFds) == 2 * sizeof(std::int32_t));
-    static_assert(std::is_same_v<decltype(R::readerResult), std::int32_t>);
-    static_assert(std::is_same_v<decltype(R::launchRequested), bool>);
-    static_assert(std::is_same_v<decltype(R::basePath), std::string>);
-    static_assert(std::is_same_v<decltype(R::readerThread), pthread_t>);
-    static_assert(sizeof(R::reserved) == sizeof(void *));
+    QVERIFY((std::is_same_v<decltype(R::running), bool>));
+    QVERIFY((std::is_same_v<decltype(R::childPid), std::int32_t>));
+    QVERIFY((std::is_same_v<std::decay_t<decltype(std::declval<R>().pipeFds[0])>, int>));
+    QCOMPARE(sizeof(R::pipeFds), 2 * sizeof(std::int32_t));
+    QVERIFY((std::is_same_v<decltype(R::readerResult), std::int32_t>));
+    QVERIFY((std::is_same_v<decltype(R::launchRequested), bool>));
+    QVERIFY((std::is_same_v<decltype(R::basePath), std::string>));
+    QVERIFY((std::is_same_v<decltype(R::readerThread), pthread_t>));
+    QCOMPARE(sizeof(R::reserved), sizeof(void *));
 }
 
 /// And nothing stands between or behind them, such as a lock.
@@ -57,7 +57,7 @@ void MyProgressTest::fieldsStandInOrder()
         pthread_t readerThread;
         std::uintptr_t reserved;
     };
-    static_assert(sizeof(MyProgress) == sizeof(Fields));
+    QCOMPARE(sizeof(MyProgress), sizeof(Fields));
 
     const Recorder runner;
     const auto offset = [&runner](const auto &field) {
@@ -91,17 +91,17 @@ void MyProgressTest::newRunnerHasItsFirstValues()
 
 void MyProgressTest::newRunnerIsNotCopied()
 {
-    static_assert(!std::is_copy_constructible_v<MyProgress>);
-    static_assert(!std::is_copy_assignable_v<MyProgress>);
-    static_assert(!std::is_move_constructible_v<MyProgress>);
-    static_assert(!std::is_move_assignable_v<MyProgress>);
+    QVERIFY(!std::is_copy_constructible_v<MyProgress>);
+    QVERIFY(!std::is_copy_assignable_v<MyProgress>);
+    QVERIFY(!std::is_move_constructible_v<MyProgress>);
+    QVERIFY(!std::is_move_assignable_v<MyProgress>);
 }
 
 /// By the C++ ABI that GCC and Clang share: a pointer to a virtual member is 1 plus the offset of
 /// its slot, a virtual destructor takes two slots, and two words stand in front of them.
 void MyProgressTest::destructorAndSinkAreTheVirtualSlots()
 {
-    static_assert(std::has_virtual_destructor_v<MyProgress>);
+    QVERIFY(std::has_virtual_destructor_v<MyProgress>);
     void (MyProgress::*const sink)(std::string) = &MyProgress::insertMsg;
     std::ptrdiff_t offset = 0;
     std::memcpy(&offset, &sink, sizeof offset);
