@@ -42,11 +42,25 @@ class Page(BundleTest):
     def wait_for_none(self):
         wait_for("no picture arrives", lambda: self.browser.dps() == 0)
 
+    def wait_for_requests(self, number):
+        """Returns what the page shows while that many further requests are answered."""
+        count = "return performance.getEntriesByType('resource').length"
+        enough, shown = self.browser.run(count) + number, set()
+
+        def look():
+            shown.add((self.browser.dps(), self.browser.text("status")))
+            return self.browser.run(count) >= enough
+
+        wait_for("the requests", look)
+        return shown
+
     def test_shows_moving_pictures_after_the_channel_is_opened(self):
         self.assertEqual(self.browser.text("dps"), "0")
         self.browser.click("open")
         self.wait_for_pictures()
-        wait_for("25 frames a second", lambda: 20 <= self.browser.dps() <= 30)
+        self.wait_for_requests(1)
+        for dps, _ in self.wait_for_requests(3):
+            self.assertTrue(10 < dps < 40, dps)  # 25, but for a busy machine
 
     def test_comes_back_after_the_rpc_server_was_gone(self):
         self.browser.click("open")
@@ -70,11 +84,19 @@ class Page(BundleTest):
         self.browser.click("open")
         wait_for("the second channel", lambda: "Channel 2 " in self.browser.text("status"))
         self.wait_for_pictures()
+        statuses = {status for _, status in self.wait_for_requests(4)}
+        self.assertEqual(statuses, {"Channel 2 is open."})
 
     def test_falls_to_zero_when_the_rpc_server_hangs(self):
         self.browser.click("open")
         self.wait_for_pictures()
         self.rpc.send_signal(signal.SIGSTOP)
+        self.wait_for_none()
+
+    def test_falls_to_zero_when_nginx_hangs(self):
+        self.browser.click("open")
+        self.wait_for_pictures()
+        self.services.child.send_signal(signal.SIGSTOP)
         self.wait_for_none()
 
     def test_shows_the_number_inside_the_video_window_at_its_top_right(self):
