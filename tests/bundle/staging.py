@@ -2,6 +2,7 @@
 
 import os
 import shutil
+import stat
 import subprocess
 import tempfile
 import unittest
@@ -80,6 +81,37 @@ class Staging(unittest.TestCase):
         self.stage()
         self.assertNotIn("html/new.html", self.files())
 
+    def test_stages_an_edit_that_the_clock_does_not_show(self):
+        self.staged()
+        page = self.nginx / "html/a b.html"
+        times = page.stat()
+        self.write(page, "other")
+        os.utime(page, ns=(times.st_atime_ns, times.st_mtime_ns))
+        self.stage()
+        self.assertEqual((self.bundle / "nginx/html/a b.html").read_text("ascii"), "other")
+
+    def test_stages_permissions_and_links(self):
+        (self.nginx / "html/link").symlink_to("a b.html")
+        self.staged()
+        (self.nginx / "html/a b.html").chmod(0o600)
+        self.stage()
+        self.assertEqual(os.readlink(self.bundle / "nginx/html/link"), "a b.html")
+        mode = (self.bundle / "nginx/html/a b.html").stat().st_mode
+        self.assertEqual(stat.S_IMODE(mode), 0o600)
+
+    def test_leaves_what_did_not_change_in_its_place(self):
+        self.staged()
+        page = self.bundle / "nginx/html/a b.html"
+        before = page.stat().st_ino
+        self.stage()
+        self.assertEqual(page.stat().st_ino, before)
+
+    def test_is_part_of_every_build(self):
+        self.staged()
+        planned = self.cmake("--build", self.build, "--", "-n").stdout
+        self.assertIn("Staging nginx", planned)
+        self.assertIn(f"Staging {self.server}", planned)
+
     def test_keeps_what_a_running_nginx_has_written(self):
         self.staged()
         self.write(self.bundle / "nginx/run/nginx.pid", "1\n")
@@ -92,23 +124,24 @@ class Staging(unittest.TestCase):
         self.staged()
         other = self.scratch / "other"
         self.write(other / "sbin/nginx", "#!/bin/sh\n# the other\n", 0o755)
-        shutil.copystat(self.nginx / "sbin/nginx", other / "sbin/nginx")
         self.configure(ORVANE_NGINX_DIR=other)
         self.stage()
         self.assertEqual(self.files(), {"sbin/nginx"})
         self.assertIn("the other", (self.bundle / "nginx/sbin/nginx").read_text("ascii"))
 
-    def test_replaces_a_server_that_runs(self):
+    def test_replaces_programs_that_run(self):
+        shutil.copy("/bin/sleep", self.nginx / "sbin/nginx")
         self.staged()
-        program = self.bundle / "rpcServer/MacOs/rpcServer"
-        with subprocess.Popen([program, "600"]) as running:
-            self.addCleanup(running.kill)
-            with open(self.server, "ab") as server:
-                server.write(b"a newer build")
-            self.stage()
-            self.assertIsNone(running.poll())
-            running.kill()
-        self.assertEqual(program.read_bytes(), self.server.read_bytes())
+        for source, program in ((self.server, self.bundle / "rpcServer/MacOs/rpcServer"),
+                                (self.nginx / "sbin/nginx", self.bundle / "nginx/sbin/nginx")):
+            with subprocess.Popen([program, "600"]) as running:
+                self.addCleanup(running.kill)
+                with open(source, "ab") as server:
+                    server.write(b"a newer build")
+                self.stage()
+                self.assertIsNone(running.poll())
+                running.kill()
+            self.assertEqual(program.read_bytes(), source.read_bytes())
 
     def test_goes_back_to_the_sample(self):
         self.staged()
