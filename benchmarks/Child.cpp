@@ -46,7 +46,7 @@ void writeAll(int fd, const char *data, std::size_t size)
     }
 }
 
-/// Tells the driver, if one listens: "START|STOP STAMP PID".
+/// Tells the driver, if one listens: "WHAT STAMP PID".
 void report(const char *what, std::int64_t stamp, pid_t pid)
 {
     const int fd = open(beside(".stamps").c_str(), O_WRONLY | O_NONBLOCK);
@@ -114,9 +114,10 @@ void obey()
         }
         if (std::strcmp(what, "line") == 0) {
             char line[64];
-            const int size =
-                std::snprintf(line, sizeof(line), "%zu %" PRId64 "\n", number, nanoseconds());
+            const std::int64_t stamp = nanoseconds();
+            const int size = std::snprintf(line, sizeof(line), "%zu %" PRId64 "\n", number, stamp);
             writeAll(STDOUT_FILENO, line, static_cast<std::size_t>(size));
+            report("line", stamp, getpid());
         } else if (std::strcmp(what, "flood") == 0) {
             flood(number);
         }
