@@ -1,9 +1,10 @@
 // One message into a list of N rows, on a thread of its own as the readers are: the launcher's sink
-// against the same list and model operations written bare, and the memory that each message leaves
-// behind.
+// against the same list and model operations written bare. Both take turns, message by message, so
+// that whatever else the machine does hits both alike. Apart from that, what one message leaves
+// behind in memory.
 //
 // No model is freed, as in the launcher: the memory that a message takes is new memory, and its
-// first touch is part of the cost. The list goes back to N rows before each message.
+// first touch is part of the cost. A list goes back to N rows before each message.
 
 #include "benchmarks/Clock.h"
 #include "services/RpcServer.h"
@@ -16,6 +17,7 @@
 #include <QWidget>
 
 #include <algorithm>
+#include <array>
 #include <benchmark/benchmark.h>
 #include <fstream>
 #include <semaphore.h>
@@ -27,6 +29,15 @@ namespace {
 
 constexpr char line[] = "127.0.0.1 - - [21/Nov/2025:00:25:10 +0000] \"GET / HTTP/1.1\" 200 612\n";
 
+using Durations = std::vector<std::int64_t>; // nanoseconds
+
+double median(Durations durations)
+{
+    const auto middle = durations.begin() + static_cast<std::ptrdiff_t>(durations.size() / 2);
+    std::nth_element(durations.begin(), middle, durations.end());
+    return static_cast<double>(*middle);
+}
+
 QStringList makeRows(int count)
 {
     QStringList rows;
@@ -34,18 +45,6 @@ QStringList makeRows(int count)
         rows.append(QString::number(row) + ' ' + line);
     }
     return rows;
-}
-
-std::int64_t residentBytes()
-{
-    std::ifstream file("/proc/self/smaps_rollup");
-    for (std::string word; file >> word;) {
-        std::int64_t kilobytes = 0;
-        if (word == "Rss:" && file >> kilobytes) {
-            return kilobytes * 1024;
-        }
-    }
-    return -1;
 }
 
 class LauncherSink : public RpcServer
@@ -76,26 +75,67 @@ private:
     QStringList messages;
 };
 
-class PaintCounter : public QObject
+/// A list in a page, as the launcher's window has it, with the sink that fills it.
+class Page : public QObject
 {
 public:
-    int count = 0;
+    explicit Page(const QStringList &startRows) : rows(startRows) {}
+    /// Puts the list back to its rows and inserts one message. Returns the nanoseconds that the
+    /// insertion took.
+    virtual std::int64_t insert() = 0;
+
+    int paintings = 0;
 
 protected:
-    bool eventFilter(QObject *, QEvent *event) override
+    void show(QAbstractItemView *view, bool visible)
     {
-        count += event->type() == QEvent::Paint ? 1 : 0;
+        layout.addWidget(view);
+        view->viewport()->installEventFilter(this);
+        page.resize(450, 260); // what the launcher's window gives a list
+        page.setVisible(visible);
+    }
+
+    bool eventFilter(QObject * /*watched*/, QEvent *event) override
+    {
+        paintings += event->type() == QEvent::Paint ? 1 : 0;
         return false;
     }
+
+    const QStringList &rows;
+
+private:
+    QWidget page;
+    QVBoxLayout layout{&page};
 };
 
-/// A thread that inserts one message whenever it is told to, and says how long the insertion took.
-/// Like the reader it was not started by the toolkit.
 template <typename Sink>
+class PageOf : public Page
+{
+public:
+    PageOf(const QStringList &startRows, bool visible)
+        : Page(startRows), view(new typename Sink::View), sink(view)
+    {
+        show(view, visible);
+    }
+
+    std::int64_t insert() override
+    {
+        sink.restore(rows);
+        const std::int64_t before = nanoseconds();
+        sink.insertMsg(line);
+        return nanoseconds() - before;
+    }
+
+private:
+    typename Sink::View *view;
+    Sink sink;
+};
+
+/// The thread that the messages come from. Like a reader it was not started by the toolkit.
 class Inserter
 {
 public:
-    Inserter(Sink &target, const QStringList &startRows) : sink(target), rows(startRows)
+    Inserter()
     {
         sem_init(&go, 0, 0);
         sem_init(&done, 0, 0);
@@ -103,15 +143,15 @@ public:
     }
     ~Inserter()
     {
-        stop = true;
-        sem_post(&go);
+        insertInto(nullptr);
         thread.join();
     }
     Inserter(const Inserter &) = delete;
     Inserter &operator=(const Inserter &) = delete;
 
-    std::int64_t insert()
+    std::int64_t insertInto(Page *page)
     {
+        target = page;
         sem_post(&go);
         sem_wait(&done);
         return elapsed;
@@ -122,22 +162,18 @@ private:
     {
         for (;;) {
             sem_wait(&go);
-            if (stop) {
+            Page *page = target;
+            elapsed = page != nullptr ? page->insert() : 0;
+            sem_post(&done);
+            if (page == nullptr) {
                 return;
             }
-            sink.restore(rows);
-            const std::int64_t before = nanoseconds();
-            sink.insertMsg(line);
-            elapsed = nanoseconds() - before;
-            sem_post(&done);
         }
     }
 
-    Sink &sink;
-    const QStringList &rows;
     sem_t go{};
     sem_t done{};
-    bool stop = false;
+    Page *target = nullptr;
     std::int64_t elapsed = 0;
     std::thread thread;
 };
@@ -152,87 +188,113 @@ std::int64_t drawWhatIsDue()
     return nanoseconds() - before;
 }
 
-using Durations = std::vector<std::int64_t>; // nanoseconds, touched before the memory is measured
-
-double median(Durations durations)
+/// The times of one of the two sinks: of the insertion, and of the drawing that follows it.
+struct Times
 {
-    const auto middle = durations.begin() + static_cast<std::ptrdiff_t>(durations.size() / 2);
-    std::nth_element(durations.begin(), middle, durations.end());
-    return static_cast<double>(*middle);
-}
+    Durations sink;
+    Durations screen;
 
-/// Arguments: the rows, and whether the list is on screen. On screen, a turn of the event loop
-/// follows each message, with the new layout and the painting; it is counted for itself.
-template <typename Sink>
+    void measure(Inserter &inserter, Page &page)
+    {
+        sink.push_back(inserter.insertInto(&page));
+        screen.push_back(drawWhatIsDue());
+    }
+};
+
+/// Arguments: the rows, and whether the lists are on screen.
 void message(benchmark::State &state)
 {
     const QStringList rows = makeRows(static_cast<int>(state.range(0)));
     const bool visible = state.range(1) != 0;
-
-    QWidget page;
-    QVBoxLayout layout(&page);
-    auto *view = new typename Sink::View(&page);
-    layout.addWidget(view);
-    page.resize(450, 260); // what the launcher's window gives a list
-    page.setVisible(visible);
-    Sink sink(view);
-    Inserter<Sink> inserter(sink, rows);
-    PaintCounter painted;
-    view->viewport()->installEventFilter(&painted);
+    PageOf<LauncherSink> launcher(rows, visible);
+    PageOf<BareSink> bare(rows, visible);
+    Inserter inserter;
     do {
-        inserter.insert();
+        inserter.insertInto(&launcher);
+        inserter.insertInto(&bare);
         drawWhatIsDue();
-    } while (visible && painted.count < 2); // until the window is there
+    } while (visible && (launcher.paintings < 2 || bare.paintings < 2)); // until both are there
 
-    painted.count = 0;
-    Durations sinkTimes(static_cast<std::size_t>(state.max_iterations));
-    Durations screenTimes(sinkTimes.size());
-    std::size_t number = 0;
-    std::int64_t resident = residentBytes();
-    for ([[maybe_unused]] auto turn : state) {
-        sinkTimes[number] = inserter.insert();
-        screenTimes[number] = visible ? drawWhatIsDue() : 0;
-        state.SetIterationTime(1e-9 * static_cast<double>(sinkTimes[number]));
-        ++number;
+    launcher.paintings = bare.paintings = 0;
+    Times ofLauncher;
+    Times ofBare;
+    bool launcherFirst = true;
+    for ([[maybe_unused]] auto pair : state) {
+        if (launcherFirst) {
+            ofLauncher.measure(inserter, launcher);
+        }
+        ofBare.measure(inserter, bare);
+        if (!launcherFirst) {
+            ofLauncher.measure(inserter, launcher);
+        }
+        launcherFirst = !launcherFirst;
+        state.SetIterationTime(1e-9 * static_cast<double>(ofLauncher.sink.back()));
     }
-    resident = residentBytes() - resident;
 
-    if (visible && painted.count < state.iterations()) {
-        state.SkipWithError("the list was not painted after each message");
+    if (visible && std::min(launcher.paintings, bare.paintings) < state.iterations()) {
+        state.SkipWithError("a list was not painted after each message");
     }
-    state.counters["sink_ns"] = median(sinkTimes);
-    state.counters["screen_ns"] = median(screenTimes);
-    state.counters["resident_bytes"] =
-        static_cast<double>(resident) / static_cast<double>(state.iterations());
+    state.counters["launcher_ns"] = median(ofLauncher.sink);
+    state.counters["bare_ns"] = median(ofBare.sink);
+    state.counters["screen_launcher_ns"] = median(ofLauncher.screen);
+    state.counters["screen_bare_ns"] = median(ofBare.screen);
 }
 
-/// So many messages leave some megabytes behind: enough to see past the pages of the allocator.
-benchmark::IterationCount iterations(int rows, bool visible)
+std::int64_t residentBytes()
 {
-    constexpr int hiddenBytes = 8'000'000;
-    constexpr int visibleRows = 200'000; // laying a row out takes microseconds
-    return visible ? visibleRows / rows : hiddenBytes / (8 * rows);
+    std::ifstream file("/proc/self/smaps_rollup");
+    for (std::string word; file >> word;) {
+        std::int64_t kilobytes = 0;
+        if (word == "Rss:" && file >> kilobytes) {
+            return kilobytes * 1024;
+        }
+    }
+    return -1;
 }
 
+/// Argument: the rows.
 template <typename Sink>
-void add(const std::string &name, int rows, bool visible)
+void memory(benchmark::State &state)
 {
-    benchmark::RegisterBenchmark(name.c_str(), message<Sink>)
-        ->Args({rows, visible ? 1 : 0})
-        ->Iterations(iterations(rows, visible))
-        ->UseManualTime();
+    const QStringList rows = makeRows(static_cast<int>(state.range(0)));
+    PageOf<Sink> page(rows, false);
+    Inserter inserter;
+    inserter.insertInto(&page);
+    const std::int64_t before = residentBytes();
+    for ([[maybe_unused]] auto turn : state) {
+        inserter.insertInto(&page);
+    }
+    state.counters["resident_bytes"] =
+        static_cast<double>(residentBytes() - before) / static_cast<double>(state.iterations());
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
+    constexpr std::array<int, 4> sizes{100, 1'000, 10'000, 20'000};
+    constexpr int hiddenRows = 500'000; // so many rows are copied in all
+    constexpr int visibleRows = 100'000;
+    constexpr int rememberedRows = 1'000'000; // megabytes, next to which a page is small
+
     QApplication application(argc, argv);
-    for (const bool visible : {false, true}) {
-        for (const int rows : {100, 1'000, 10'000, 20'000}) {
-            add<LauncherSink>("launcher", rows, visible);
-            add<BareSink>("bare", rows, visible);
-        }
+    for (const int rows : sizes) {
+        benchmark::RegisterBenchmark("message", message)
+            ->Args({rows, 0})
+            ->Iterations(hiddenRows / rows)
+            ->UseManualTime();
+        benchmark::RegisterBenchmark("message", message)
+            ->Args({rows, 1})
+            ->Iterations(visibleRows / rows)
+            ->UseManualTime();
+    }
+    for (const int rows : sizes) {
+        benchmark::RegisterBenchmark("memory/launcher", memory<LauncherSink>)
+            ->Arg(rows)
+            ->Iterations(rememberedRows / rows);
+        benchmark::RegisterBenchmark("memory/bare", memory<BareSink>)
+            ->Arg(rows)
+            ->Iterations(rememberedRows / rows);
     }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
