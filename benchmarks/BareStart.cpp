@@ -4,9 +4,11 @@
 //
 //   grow BYTES    touch so much more memory
 //   start         fork and exec both children: "STAMP", taken before the first fork
-//   stop          run the stop command: "STAMP STAMP", before and after
+//   stop          run the stop command: "STAMP STAMP STATUS", before and after
 //   kill          kill both children and wait for them
+//   window        the number of its window
 //
+// A press into the window does the same as "start", with the same answer.
 // The one argument is the bundle's root.
 
 #include "benchmarks/Clock.h"
@@ -19,49 +21,56 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <string>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-class Orders
+/// Standard output as it was. What the children write goes nowhere.
+std::FILE *keepForAnswers()
+{
+    const int kept = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+    const int nowhere = open("/dev/null", O_WRONLY);
+    dup2(nowhere, STDOUT_FILENO);
+    return fdopen(kept, "w");
+}
+
+class Window : public QMainWindow
 {
 public:
-    explicit Orders(std::string bundle)
+    explicit Window(const std::string &bundle)
         : command("cd " + bundle + "/nginx && sbin/nginx"), stopCommand(command + " -s stop"),
           program(bundle + "/rpcServer/MacOs/rpcServer")
-    {}
-
-    void obey()
     {
-        std::array<char, 16> what{};
-        while (std::scanf("%15s", what.data()) == 1) {
-            const std::string order = what.data();
-            if (order == "grow") {
-                grow();
-            } else if (order == "start") {
-                start();
-            } else if (order == "stop") {
-                stop();
-            } else if (order == "kill") {
-                killBoth();
-            }
-            std::fflush(stdout);
-        }
+        resize(476, 374);
+        show();
     }
+
+    void obey(const std::string &order)
+    {
+        if (order == "start") {
+            start();
+        } else if (order == "stop") {
+            stop();
+        } else if (order == "kill") {
+            killBoth();
+        } else if (order == "window") {
+            std::fprintf(answers, "%llu\n", winId());
+        } else {
+            ballast.emplace_back(std::stoul(order.substr(order.find(' '))), 'x');
+            std::fputs("grown\n", answers);
+        }
+        std::fflush(answers);
+    }
+
+protected:
+    void mousePressEvent(QMouseEvent * /*event*/) override { obey("start"); }
 
 private:
-    void grow()
-    {
-        std::size_t bytes = 0;
-        if (std::scanf("%zu", &bytes) == 1) {
-            ballast.emplace_back(bytes, 'x');
-        }
-        std::puts("grown");
-    }
-
     void start()
     {
         const std::int64_t before = nanoseconds();
@@ -76,7 +85,7 @@ private:
             execve(program.c_str(), noArguments.data(), nullptr);
             _exit(1);
         }
-        std::printf("%" PRId64 "\n", before);
+        std::fprintf(answers, "%" PRId64 "\n", before);
     }
 
     void stop()
@@ -84,7 +93,7 @@ private:
         const std::int64_t before = nanoseconds();
         const int status = std::system(stopCommand.c_str());
         const std::int64_t after = nanoseconds();
-        std::printf("%" PRId64 " %" PRId64 " %d\n", before, after, status);
+        std::fprintf(answers, "%" PRId64 " %" PRId64 " %d\n", before, after, status);
     }
 
     void killBoth()
@@ -93,9 +102,10 @@ private:
             kill(child, SIGKILL);
             waitpid(child, nullptr, 0);
         }
-        std::puts("killed");
+        std::fputs("killed\n", answers);
     }
 
+    std::FILE *answers = keepForAnswers();
     std::string command;
     std::string stopCommand;
     std::string program;
@@ -104,15 +114,28 @@ private:
     pid_t direct = -1;
 };
 
+/// Hands the orders to the thread of the window, one by one, and ends the program after the last.
+void passOrders(Window *window)
+{
+    std::array<char, 64> line{};
+    while (std::fgets(line.data(), line.size(), stdin) != nullptr) {
+        std::string order = line.data();
+        order.pop_back(); // the line break
+        QMetaObject::invokeMethod(
+            window, [window, order] { window->obey(order); }, Qt::BlockingQueuedConnection);
+    }
+    QMetaObject::invokeMethod(
+        window, [window] { window->close(); }, Qt::QueuedConnection);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     QApplication application(argc, argv);
-    QMainWindow window;
-    window.resize(476, 374);
-    window.show();
-    QApplication::processEvents();
-    Orders(QApplication::arguments().at(1).toStdString()).obey();
-    return 0;
+    Window window(QApplication::arguments().at(1).toStdString());
+    std::thread orders(passOrders, &window);
+    const int status = QApplication::exec();
+    orders.join();
+    return status;
 }

@@ -1,4 +1,4 @@
-"""Throw-away bundles for the benchmarks, and the talk with the children in them."""
+"""Throw-away bundles for the benchmarks, and the talk with the services in them."""
 
 import os
 import select
@@ -6,6 +6,10 @@ import shutil
 import tempfile
 import time
 from pathlib import Path
+
+import psutil
+
+from desktop import port_open, wait_for
 
 PATIENCE = 30  # seconds
 NGINX = "nginx/sbin/nginx"
@@ -74,7 +78,45 @@ class Bundle:
     def children(self):
         return self.nginx, self.rpc
 
+    def forget(self):
+        for child in self.children:
+            child.forget()
+
+    def started(self):
+        """Waits until both children run; the stamp of the later one and the RPC server's id."""
+        stamps = [child.report("start") for child in self.children]
+        return max(stamp for stamp, _ in stamps), stamps[1][1]
+
     def close(self):
         for child in self.children:
             child.close()
         self._directory.cleanup()
+
+
+class SampleBundle:
+    """A copy of the bundle that was built, with the sample services, which hold fixed ports."""
+
+    PORTS = 4200, 4201
+
+    def __init__(self, built):
+        self._directory = tempfile.TemporaryDirectory(prefix="orvane-bench-")
+        self.root = Path(self._directory.name) / "orvane.app"
+        shutil.copytree(built, self.root, ignore=shutil.ignore_patterns("run"))
+        self.executable = self.root / "Contents/MacOS/orvane"
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._directory.cleanup()
+
+    def forget(self):
+        """Waits until the services of before have let go of their ports."""
+        wait_for("the ports are free", lambda: not any(map(port_open, self.PORTS)))
+
+    def started(self):
+        """Waits until both services answer; no stamp, and the RPC server's id."""
+        wait_for("the services answer", lambda: all(map(port_open, self.PORTS)))
+        program = str(self.root / RPC)
+        found = (p.pid for p in psutil.process_iter(["exe"]) if p.info["exe"] == program)
+        return None, next(found)

@@ -1,0 +1,75 @@
+"""The rows of a launcher that is deployed and has nothing to do: wake-ups and processor time.
+
+It costs the machine next to nothing, so it goes on beside the other rows."""
+
+import os
+import time
+from pathlib import Path
+
+from desktop import Desktop, Launcher, wait_for
+from figures import Row, Series
+from stage import Bundle
+from window import now, processor_time, settle
+
+DESIGNED = 10.0  # wake-ups a second: two readers, one turn every 200 ms each
+
+
+def wake_ups(pid):
+    """How often each thread has gone to sleep by itself, so how often it will have woken up."""
+    counted = {}
+    for task in os.listdir(f"/proc/{pid}/task"):
+        for line in Path(f"/proc/{pid}/task/{task}/status").read_text("ascii").splitlines():
+            if line.startswith("voluntary_ctxt_switches:"):
+                counted[task] = int(line.split()[1])
+    return counted
+
+
+class Resting:
+    """One deployed launcher that is left alone; with `ended` services, both have ended."""
+
+    def __init__(self, context, ended):
+        self.seconds = 15 if context.quick else 60
+        self.desktop = Desktop()
+        self.bundle = Bundle(context.programs, context.launcher)
+        self.launcher = Launcher(self.desktop, self.bundle.executable, landmarks=context.landmarks)
+        self.launcher.click("deploy")
+        self.bundle.started()
+        settle(self.launcher.pid)
+        if ended:
+            for child in self.bundle.children:
+                child.order("end")
+            wait_for("the services end", lambda: not self.launcher.started())
+            time.sleep(1)  # the last rows
+        self._begin()
+
+    def _begin(self):
+        self.began = now(), wake_ups(self.launcher.pid), processor_time(self.launcher.pid)
+
+    def result(self):
+        """Wake-ups of the readers and of the other threads, and processor time, each a second."""
+        began, woken, ran = self.began
+        time.sleep(max(0, self.seconds - (now() - began) / 1e9))
+        seconds = (now() - began) / 1e9
+        per_thread = {task: (count - woken[task]) / seconds
+                      for task, count in wake_ups(self.launcher.pid).items()}
+        readers = sorted(per_thread, key=int)[-2:]  # the threads that were made last
+        return {"readers": sum(per_thread[task] for task in readers),
+                "others": sum(rate for task, rate in per_thread.items() if task not in readers),
+                "microseconds": (processor_time(self.launcher.pid) - ran) / 1000 / seconds}
+
+    def end(self):
+        self.launcher.end()
+        self.bundle.close()
+        self.desktop.close()
+
+
+def rows(quiet, ended):
+    for state, resting in (("quiet", quiet), ("after both services ended", ended)):
+        seen = resting.result()
+        total = seen["readers"] + seen["others"]
+        row = Row(f"idle, {state}", "wake-ups a second while deployed; floor: the designed pace "
+                  "of both readers", "/s", Series([total]), Series([DESIGNED]),
+                  aim="no others", held=total <= DESIGNED and seen["others"] < 0.1,
+                  note=f"readers {seen['readers']:.2f}, other threads {seen['others']:.2f}; "
+                       f"{seen['microseconds']:.0f} µs of processor time a second")
+        yield row
