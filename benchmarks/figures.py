@@ -1,6 +1,5 @@
 """What a row of the table is made of: samples that were taken in turns, and what they say."""
 
-import json
 import statistics
 import sys
 import time
@@ -36,6 +35,7 @@ class Row:
     launcher: Series
     floor: Series = None
     aim: str = ""
+    limit: float = None
     held: bool = None
     by: str = "ratio"  # or "difference": in the row's unit
     note: str = ""
@@ -49,7 +49,8 @@ class Row:
         return launcher / floor if self.by == "ratio" else launcher - floor
 
     def aim_at_most(self, limit, text=None):
-        self.aim, self.held = text or f"at most {limit:.2f}", self.value <= limit
+        self.limit, self.held = limit, self.value <= limit
+        self.aim = text or f"at most {limit:.2f}"
         return self
 
     def as_json(self):
@@ -91,7 +92,3 @@ class Progress:
     def end(self):
         self.say("done")
         print()
-
-
-def write_json(path, rows, **more):
-    path.write_text(json.dumps({**more, "rows": [row.as_json() for row in rows]}, indent=2) + "\n")

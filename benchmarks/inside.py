@@ -44,16 +44,16 @@ def sink_rows(context):
     for visible, place in enumerate(("hidden", "visible")):
         for rows in ROWS:
             name = f"message/{rows}/{visible}"
-            row = Row(f"sink, {place}, {rows:,} rows", "one message, on the reader's thread; floor: "
+            yield Row(f"sink, {place}, {rows:,} rows", "one message, on the reader's thread; floor: "
                       "the same list and model operations written bare", "µs",
                       microseconds(series(name, "launcher_ns")),
                       microseconds(series(name, "bare_ns"))).aim_at_most(1.05)
-            if visible:
-                screen_ms = statistics.median(series(name, "screen_launcher_ns")) / 1e6
-                bare_ms = statistics.median(series(name, "screen_bare_ns")) / 1e6
-                row.note = (f"the window then draws for {screen_ms:.1f} ms "
-                            f"(bare {bare_ms:.1f} ms)")
-            yield row
+    for rows in ROWS:
+        name = f"message/{rows}/1"
+        yield Row(f"drawing, {rows:,} rows", "what the window does after one message into a "
+                  "visible list; floor: the bare list", "ms",
+                  *(Series([value / 1e6 for value in series(name, counter)])
+                    for counter in ("screen_launcher_ns", "screen_bare_ns")))
     for rows in ROWS:
         bare = statistics.median(series(f"memory/bare/{rows}", "resident_bytes")) / 1024
         yield Row(f"memory a row, {rows:,} rows", "resident growth with each message; floor: 8 "
@@ -68,6 +68,7 @@ class Reader:
     """One run of the program Reader in a bundle of its own."""
 
     def __init__(self, context, what, amount):
+        self._ended = False
         self.desktop = Desktop()
         self.bundle = Bundle(context.programs, context.programs / "Reader")
         self.result = self.bundle.root / "result"
@@ -86,10 +87,13 @@ class Reader:
             self.end()
 
     def end(self):
-        self.process.kill()
-        self.process.wait()
-        self.bundle.close()
-        self.desktop.close()
+        """Ends it and all it has. Once is enough, twice does no harm."""
+        if not self._ended:
+            self._ended = True
+            self.process.kill()
+            self.process.wait()
+            self.bundle.close()
+            self.desktop.close()
 
 
 def line_rows(context):
@@ -107,19 +111,20 @@ def line_rows(context):
               by="difference").aim_at_most(1.0, "within 1 ms")
 
 
-def flood(context):
-    """Starts the flood, which takes its time: a mebibyte at the designed pace."""
-    return Reader(context, "flood", 32 * 1024 if context.quick else 1024 * 1024)
+class Flood:
+    """The flood, which takes its time: a mebibyte at the designed pace."""
 
+    def __init__(self, context):
+        self._reader = Reader(context, "flood", 64 * 1024 if context.quick else 1024 * 1024)
+        self.end = self._reader.end
 
-def flood_rows(running):
-    line, *failures = running.lines()
-    received, first, nanoseconds, in_order = map(int, line.split())
-    rate = (received - first) / (nanoseconds / 1e9)
-    row = Row("throughput", "under a flooding child; floor: the designed pace", "bytes/s",
-              Series([rate]), Series([PACE]))
-    complete = in_order == 1 and not failures
-    row.aim, row.held = "at least 0.97, nothing lost", row.value >= 0.97 and complete
-    row.note = (f"{received:,} bytes, " + ("every one in its place" if complete
-                                           else f"NOT in order {failures}"))
-    yield row
+    def rows(self):
+        line, *failures = self._reader.lines()
+        received, first, nanoseconds, in_order = map(int, line.split())
+        row = Row("throughput", "under a flooding child; floor: the designed pace", "bytes/s",
+                  Series([(received - first) / (nanoseconds / 1e9)]), Series([PACE]))
+        complete = in_order == 1 and not failures
+        row.aim, row.held = "at least 0.97, nothing lost", row.value >= 0.97 and complete
+        row.note = (f"{received:,} bytes, " + ("every one in its place" if complete
+                                               else f"NOT in order {failures}"))
+        yield row
