@@ -268,33 +268,43 @@ void memory(benchmark::State &state)
         static_cast<double>(residentBytes() - before) / static_cast<double>(state.iterations());
 }
 
+/// How often each is measured: enough for a steady median, and for megabytes of memory, next to
+/// which a page of it is small.
+struct Size
+{
+    int rows;
+    int hidden;
+    int visible;
+    int memory;
+};
+
+constexpr std::array<Size, 4> sizes{{{100, 5'000, 400, 10'000},
+                                     {1'000, 500, 100, 1'000},
+                                     {10'000, 50, 20, 100},
+                                     {20'000, 25, 10, 50}}};
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    constexpr std::array<int, 4> sizes{100, 1'000, 10'000, 20'000};
-    constexpr int hiddenRows = 500'000; // so many rows are copied in all
-    constexpr int visibleRows = 100'000;
-    constexpr int rememberedRows = 1'000'000; // megabytes, next to which a page is small
-
     QApplication application(argc, argv);
-    for (const int rows : sizes) {
+    for (const Size &size : sizes) {
         benchmark::RegisterBenchmark("message", message)
-            ->Args({rows, 0})
-            ->Iterations(hiddenRows / rows)
+            ->Args({size.rows, 0})
+            ->Iterations(size.hidden)
             ->UseManualTime();
         benchmark::RegisterBenchmark("message", message)
-            ->Args({rows, 1})
-            ->Iterations(visibleRows / rows)
+            ->Args({size.rows, 1})
+            ->Iterations(size.visible)
             ->UseManualTime();
     }
-    for (const int rows : sizes) {
+    for (const Size &size : sizes) {
         benchmark::RegisterBenchmark("memory/launcher", memory<LauncherSink>)
-            ->Arg(rows)
-            ->Iterations(rememberedRows / rows);
+            ->Arg(size.rows)
+            ->Iterations(size.memory);
         benchmark::RegisterBenchmark("memory/bare", memory<BareSink>)
-            ->Arg(rows)
-            ->Iterations(rememberedRows / rows);
+            ->Arg(size.rows)
+            ->Iterations(size.memory);
     }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

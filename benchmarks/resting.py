@@ -11,7 +11,10 @@ from figures import Row, Series
 from stage import Bundle
 from window import now, processor_time, settle
 
-DESIGNED = 10.0  # wake-ups a second: two readers, one turn every 200 ms each
+# Wake-ups a second
+DESIGNED = 10.0  # two readers, one turn every 200 ms each
+BOUNDARY = 0.1  # one turn more at either end of the time
+CACHES = 0.1  # the toolkit looks after its caches every 10 and every 30 seconds while they are warm
 
 
 def wake_ups(pid):
@@ -66,10 +69,9 @@ class Resting:
 def rows(quiet, ended):
     for state, resting in (("quiet", quiet), ("after both services ended", ended)):
         seen = resting.result()
-        total = seen["readers"] + seen["others"]
-        row = Row(f"idle, {state}", "wake-ups a second while deployed; floor: the designed pace "
-                  "of both readers", "/s", Series([total]), Series([DESIGNED]),
-                  aim="no others", held=total <= DESIGNED and seen["others"] < 0.1,
+        yield Row(f"idle, {state}", "wake-ups a second while deployed; floor: the designed pace "
+                  "of both readers", "/s", Series([seen["readers"] + seen["others"]]),
+                  Series([DESIGNED]), aim="no others",
+                  held=seen["readers"] <= DESIGNED + BOUNDARY and seen["others"] <= CACHES,
                   note=f"readers {seen['readers']:.2f}, other threads {seen['others']:.2f}; "
                        f"{seen['microseconds']:.0f} µs of processor time a second")
-        yield row
