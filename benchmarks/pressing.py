@@ -7,7 +7,9 @@ import subprocess
 from desktop import Desktop, Launcher
 from figures import Row, Series, take_turns
 from stage import Bundle, SampleBundle
-from window import PATIENCE, Watcher, memory, milliseconds, now, settle
+from window import PATIENCE, Watcher, memory, milliseconds, now, press, settle
+
+PRESSES = 5  # of each button in one launcher
 
 
 class Deployed:
@@ -24,8 +26,7 @@ class Deployed:
         self.bundle.forget()
         self.launcher.point_at("deploy")
         settle(self.launcher.pid)
-        before = now()
-        self.screen.press()
+        before = press(self.screen)
         last, self.rpc = self.bundle.started()
         self.screen.release()
         return last and milliseconds(last - before)
@@ -41,8 +42,9 @@ class Deployed:
         settle(self.launcher.pid)
         self.watcher.forget()
         ended = os.pidfd_open(self.rpc)
-        before = now()
-        self.screen.press()
+        if select.select([ended], [], [], 0)[0]:
+            raise RuntimeError("the RPC server has ended before the press")
+        before = press(self.screen)
         if not select.select([ended], [], [], PATIENCE)[0]:
             raise TimeoutError("the RPC server does not end")
         back = self.watcher.answer_to_ping(self.launcher.window)
@@ -84,8 +86,7 @@ class Bare:
         self.bundle.forget()
         self.screen.move(self.LEFT + 20, 20)
         settle(self.process.pid)
-        before = now()
-        self.screen.press()
+        before = press(self.screen)
         last, _ = self.bundle.started()
         self.process.stdout.readline()
         self.screen.release()
@@ -106,9 +107,9 @@ class Bare:
         self.process.wait()
 
 
-def cycles(context, what, count, make_bundle):
-    """The times of `count` deploys and of as many stops: each the launcher's and the floor's. A
-    third series of deploys is the floor's from a press."""
+def cycles(context, make_bundle, count):
+    """`count` deploys and stops, in turns: the launcher's, the floor's, and the floor's from a
+    press. Each is (deploy, stop)."""
     with Desktop() as screen, Watcher(screen) as watcher, make_bundle() as ours, \
             make_bundle() as theirs:
         launched = Deployed(context, screen, ours, watcher)
@@ -116,25 +117,35 @@ def cycles(context, what, count, make_bundle):
         bare = Bare(context, screen, theirs, memory(launched.launcher.pid)[1])
         watcher.manage()
         try:
-            triples = take_turns(
+            return take_turns(
                 count, lambda: (launched.deploy(), launched.stop()),
-                lambda: (bare.deploy(), bare.stop()), lambda: (bare.press(), bare.stop()),
-                done=context.progress.counted(what, count))
+                lambda: (bare.deploy(), bare.stop()), lambda: (bare.press(), bare.stop()))
         finally:
             launched.launcher.end()
             bare.end()
-    return ([Series([pair[index] for pair in series.samples]) for series in triples]
-            for index in (0, 1))
+
+
+def rounds(context, what, count, make_bundle):
+    """The deploys and the stops of `count` rounds, each with a new launcher: with every press the
+    toolkit keeps more pictures of the buttons, 10 MiB in the end, and the fork copies their pages.
+    """
+    done = context.progress.counted(what, count)
+    series = [Series([]), Series([]), Series([])]
+    for number in range(count):
+        for all_samples, samples in zip(series, cycles(context, make_bundle, PRESSES)):
+            all_samples.samples += samples.samples
+        done(number + 1)
+    return ([Series([pair[index] for pair in one.samples]) for one in series] for index in (0, 1))
 
 
 def rows(context):
-    deploys, short_stops = cycles(context, "deploy", 10 if context.quick else 60,
+    deploys, short_stops = rounds(context, "deploy", 2 if context.quick else 12,
                                   lambda: Bundle(context.programs, context.launcher))
     yield Row("deploy", "left press to both children's first instruction; floor: two bare fork and "
               "exec calls from a process of the same size", "ms", *deploys[:2]).aim_at_most(1.25)
     yield Row("deploy, press in both", "the same; floor: the two calls in a bare window that was "
               "pressed", "ms", deploys[0], deploys[2])
-    _, stops = cycles(context, "stop", 5 if context.quick else 20,
+    _, stops = rounds(context, "stop", 1 if context.quick else 4,
                       lambda: SampleBundle(context.launcher.parents[2]))
     yield Row("stop", "left press to control back, with the sample services; floor: the bare stop "
               "command", "ms", *stops[:2]).aim_at_most(1.10)

@@ -19,7 +19,7 @@ from desktop import Desktop, Launcher
 from figures import Series, take_turns
 from processes import GONE, running
 from stage import NGINX, RPC, Bundle
-from window import PATIENCE, Watcher, memory, milliseconds, now, settle
+from window import PATIENCE, Watcher, memory, milliseconds, now, press, settle
 
 SETTLED = 0.3  # seconds without output after which a runner has said all it has to say
 
@@ -202,8 +202,7 @@ def run_launcher(context, bundle, lines):
         try:
             launcher.point_at("deploy")
             settle(launcher.pid)
-            before = now()
-            screen.press()
+            before = press(screen)
             children = Children(bundle)
             screen.release()
             launcher.click("rpc")
@@ -214,8 +213,7 @@ def run_launcher(context, bundle, lines):
             size = resident(launcher.pid, children.pids)
             launcher.point_at("stop")
             settle(launcher.pid)
-            stop = now()
-            screen.press()
+            stop = press(screen)
             children.when_ended()
             ended = watcher.answer_to_ping(launcher.window)
             screen.release()

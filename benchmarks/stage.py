@@ -10,6 +10,7 @@ from pathlib import Path
 import psutil
 
 from desktop import port_open, wait_for
+from processes import running
 
 PATIENCE = 30  # seconds
 NGINX = "nginx/sbin/nginx"
@@ -118,5 +119,5 @@ class SampleBundle:
         """Waits until both services answer; no stamp, and the RPC server's id."""
         wait_for("the services answer", lambda: all(map(port_open, self.PORTS)))
         program = str(self.root / RPC)
-        found = (p.pid for p in psutil.process_iter(["exe"]) if p.info["exe"] == program)
-        return None, next(found)
+        return None, next(process.pid for process in psutil.process_iter(["exe"])
+                          if process.info["exe"] == program and running(process))

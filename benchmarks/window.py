@@ -6,6 +6,7 @@ import time
 from pathlib import Path
 
 from Xlib import X, display
+from Xlib.ext import xtest
 from Xlib.protocol import event
 
 from desktop import wait_for
@@ -20,6 +21,14 @@ def now():
 
 def milliseconds(nanoseconds):
     return nanoseconds / 1e6
+
+
+def press(screen):
+    """Presses the left button where the pointer is. Returns when the press went out."""
+    xtest.fake_input(screen.display, X.ButtonPress, 1)  # waits in the client's own queue
+    at = now()
+    screen.display.flush()
+    return at
 
 
 class Watcher:
