@@ -8,6 +8,7 @@ and nothing was left running.
 
 import os
 import resource
+import signal
 import sys
 import tempfile
 import time
@@ -174,6 +175,7 @@ def main():
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     many = MANY_DESCRIPTORS if hard == resource.RLIM_INFINITY else min(hard, MANY_DESCRIPTORS)
     resource.setrlimit(resource.RLIMIT_NOFILE, (many, hard))
+    signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))  # ends what it started
     good = True
     for kind in kinds:
         with tempfile.TemporaryDirectory(prefix="orvane-soak-") as directory:
