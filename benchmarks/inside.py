@@ -44,8 +44,8 @@ def sink_rows(context):
     for visible, place in enumerate(("hidden", "visible")):
         for rows in ROWS:
             name = f"message/{rows}/{visible}"
-            yield Row(f"sink, {place}, {rows:,} rows", "one message, on the reader's thread; floor: "
-                      "the same list and model operations written bare", "µs",
+            yield Row(f"sink, {place}, {rows:,} rows", "one message, on the reader's thread; "
+                      "floor: the same list and model operations written bare", "µs",
                       microseconds(series(name, "launcher_ns")),
                       microseconds(series(name, "bare_ns"))).aim_at_most(1.05)
     for rows in ROWS:

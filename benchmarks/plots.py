@@ -42,7 +42,8 @@ class Axis:
 
     def ticks(self):
         first = math.ceil(math.log10(self.low) - 1e-9)
-        return [10.0 ** power for power in range(first, math.floor(math.log10(self.high) + 1e-9) + 1)]
+        last = math.floor(math.log10(self.high) + 1e-9)
+        return [10.0 ** power for power in range(first, last + 1)]
 
 
 def curves(title, across, up, lines):
@@ -93,7 +94,7 @@ def ratios(title, rows):
         if row.limit:
             drawn.append(line(axis(row.limit), y - 8, axis(row.limit), y + 8, "#c0392b"))
         drawn += [f'<circle cx="{axis(row.value):.1f}" cy="{y:.1f}" r="4" fill="{COLOURS[0]}"/>\n',
-                  text(axis(row.value) + 8, y + 4, f"{row.value:.2f}", size=11)]
+                  text(WIDTH - 12, y + 4, f"{row.value:.2f}", "end", 11)]
     drawn.append(text((left + WIDTH) / 2, height - 12, "launcher / floor; the bar is the aim",
                       "middle"))
     return "".join(drawn) + "</svg>\n"

@@ -7,7 +7,7 @@ import subprocess
 from desktop import Desktop, Launcher
 from figures import Row, Series, take_turns
 from stage import Bundle, SampleBundle
-from window import PATIENCE, Watcher, memory, milliseconds, now, press, settle
+from window import PATIENCE, Watcher, memory, milliseconds, press, settle
 
 PRESSES = 5  # of each button in one launcher
 

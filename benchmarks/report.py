@@ -116,7 +116,8 @@ def draw(rows, directory):
         "utf-8")
     (directory / "memory.svg").write_text(plots.curves(
         "What one message leaves in memory", "rows in the list", "KiB of resident memory", {
-            "launcher": (by_rows(rows, "memory a row", "", lambda row: row.launcher.median), ""),
+            "launcher, and the same for the bare operations": (
+                by_rows(rows, "memory a row", "", lambda row: row.launcher.median), ""),
             "8 bytes a row": ([(count, count * BYTES_A_ROW / 1024) for count in ROWS], "8 4")}),
         "utf-8")
     (directory / "ratios.svg").write_text(plots.ratios(

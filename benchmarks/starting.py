@@ -21,8 +21,8 @@ class Started:
         watcher.forget()
         before = now()
         self.pid = os.posix_spawn(command[0], command, environment, file_actions=SILENT)
-        mapped, self.event = watcher.wait(
-            lambda seen: seen.type == X.MapNotify and not seen.override, f"a window of {command[0]}")
+        mapped, _ = watcher.wait(
+            lambda seen: seen.type == X.MapNotify and not seen.override, f"window of {command[0]}")
         self.took = milliseconds(mapped - before)
 
     def end(self):
