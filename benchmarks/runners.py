@@ -10,6 +10,7 @@ import shutil
 import signal
 import subprocess
 import time
+from contextlib import suppress
 from dataclasses import dataclass
 
 import psutil
@@ -17,8 +18,7 @@ from Xlib.ext import damage
 
 from desktop import Desktop, Launcher
 from figures import Series, take_turns
-from processes import GONE, running
-from stage import NGINX, RPC, Bundle
+from stage import NGINX, RPC, Bundle, pids_of
 from window import PATIENCE, Watcher, memory, milliseconds, now, press, settle
 
 SETTLED = 0.3  # seconds without output after which a runner has said all it has to say
@@ -93,15 +93,11 @@ class Terminal:
 
 
 def left_running(bundle):
-    """The processes of the bundle's services that still run; ends them."""
-    programs = {str(bundle.root / NGINX), str(bundle.root / RPC)}
-    left = [process for process in psutil.process_iter(["exe"])
-            if process.info["exe"] in programs and running(process)]
-    for process in left:
-        try:
-            process.kill()
-        except GONE:
-            pass
+    """How many processes of the bundle's services still run; ends them."""
+    left = pids_of(bundle.root / NGINX, bundle.root / RPC)
+    for pid in left:
+        with suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGKILL)
     return len(left)
 
 
