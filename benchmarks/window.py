@@ -99,11 +99,17 @@ def processor_time(pid):
                for task in os.listdir(f"/proc/{pid}/task"))
 
 
+def waiting(pid):
+    """Whether no thread of the process runs or wants to: on a busy machine it may have to wait."""
+    return all(Path(f"/proc/{pid}/task/{task}/stat").read_text("ascii").rsplit(")")[1].split()[0]
+               not in "RD" for task in os.listdir(f"/proc/{pid}/task"))
+
+
 def settle(pid):
     """Waits until the process has had nothing to do for a while."""
     def quiet():
         before = processor_time(pid)
         time.sleep(0.2)
-        return processor_time(pid) == before
+        return waiting(pid) and processor_time(pid) == before
 
     wait_for("the process comes to rest", quiet)
