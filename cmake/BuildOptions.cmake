@@ -54,10 +54,8 @@ if(ORVANE_COVERAGE)
     target_link_options(orvane_options INTERFACE --coverage)
 endif()
 
-# Position-independent executables and link-time optimisation are target properties in CMake;
-# orvane_target() gives them to one target.
-include(CheckPIESupported)
-check_pie_supported()
+# Position-independent code and link-time optimisation are properties of a target in CMake;
+# orvane_target() gives them to one.
 include(CheckIPOSupported)
 check_ipo_supported(RESULT ORVANE_IPO_SUPPORTED OUTPUT ORVANE_IPO_REASON LANGUAGES CXX)
 if(ORVANE_HARDENING AND NOT ORVANE_IPO_SUPPORTED)
@@ -67,6 +65,12 @@ endif()
 function(orvane_target target)
     target_link_libraries(${target} PRIVATE orvane::options)
     set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL EXECUTABLE AND NOT APPLE)
+        # With CMake's own -fPIE at the link, link-time optimisation makes copies of the toolkit's
+        # data in the executable, which the toolkit's libraries do not look at.
+        target_link_options(${target} PRIVATE -fPIC -pie)
+    endif()
     if(ORVANE_HARDENING)
         set_target_properties(${target} PROPERTIES INTERPROCEDURAL_OPTIMIZATION ON)
     endif()
