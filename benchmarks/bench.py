@@ -6,6 +6,7 @@ the two resting launchers."""
 import argparse
 import os
 import shutil
+import signal
 import sys
 from contextlib import ExitStack
 from dataclasses import dataclass
@@ -78,6 +79,7 @@ def main():
     arguments.add_argument("--npm", type=Path, required=True)
     arguments.add_argument("--version", required=True)
     given = arguments.parse_args()
+    signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))  # ends what it started
     busy = os.getloadavg()[0]
     if busy > 0.5:
         print(f"The machine is busy (load {busy:.1f}): the figures will show it.")
