@@ -92,7 +92,8 @@ void lookAround()
          yes(std::count(madeFirst.begin(), madeFirst.end(), coordinator()) == 1));
     note("something deployed", yes(Controllers::nginxOf(*coordinator()) != nullptr ||
                                    Controllers::rpcOf(*coordinator()) != nullptr));
-    note("signals are default", yes(isDefault(SIGTERM) && isDefault(SIGINT) && isDefault(SIGHUP)));
+    const auto handled = {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGCHLD};
+    note("signals are default", yes(std::all_of(handled.begin(), handled.end(), isDefault)));
 }
 
 void act()

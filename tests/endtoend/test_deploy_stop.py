@@ -9,6 +9,12 @@ from launchertest import LauncherTest, runs
 from throwaway import NOTE_WHO_RUNS
 
 
+def open_files(pid):
+    """What the process's descriptors stand for."""
+    links = Path(f"/proc/{pid}/fd").iterdir()
+    return {os.readlink(link) for link in links if link.is_symlink()}
+
+
 class DeployAndStop(LauncherTest):
 
     def test_deploy_starts_nginx_before_the_rpc_server(self):
@@ -50,7 +56,10 @@ class DeployAndStop(LauncherTest):
                 for name in ("nginx", "rpc")}
         for name, targets in ends.items():
             self.assertEqual(len(targets), 1, f"{name}: one pipe for both")
-            self.assertRegex(targets.pop(), r"^pipe:")
+            self.assertRegex(min(targets), r"^pipe:")
+            self.assertIn(min(targets), open_files(launcher.pid))
+        # Started later, it has the launcher's end of the other's pipe as well.
+        self.assertIn(min(ends["nginx"]), open_files(services.pids("rpc")[0]))
 
     def test_stop_ends_the_rpc_server_then_asks_nginx_to_stop_then_kills_it(self):
         services = self.bundle(stop=NOTE_WHO_RUNS)

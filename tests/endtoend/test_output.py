@@ -9,6 +9,7 @@ import unittest
 
 from desktop import wait_for
 from launchertest import LauncherTest
+from throwaway import STAY
 
 STARTED = "Pipe ready\npid:N\nMain progress ready\n"
 STOPPED = "Progress stopped"  # without a line break
@@ -87,8 +88,17 @@ class Output(LauncherTest):
     def test_toolkit_warns_of_two_rejected_connections_at_start(self):
         launcher = self.launch(self.services.program)
         launcher.click("nginx")
-        self.close(launcher)
+        self.deploy_and_stop(launcher)
         self.assertEqual(launcher.errors, WARNINGS)
+
+    def test_toolkit_says_more_when_rows_come_from_another_thread(self):
+        self.directory = self.directory / "noisy"
+        services = self.bundle(rpc=f"echo output; {STAY}")
+        launcher = self.launch(services.program)
+        self.deploy(launcher, services)
+        wait_for("more warnings", lambda: len(launcher.errors) > len(WARNINGS))
+        self.assertTrue(launcher.errors.startswith(WARNINGS))
+        self.close(launcher)
 
 
 if __name__ == "__main__":

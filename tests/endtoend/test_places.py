@@ -91,6 +91,20 @@ class Places(LauncherTest):
             for path in [services.path, *services.path.rglob("*")]:
                 os.chmod(path, path.stat().st_mode | 0o200)
 
+    def test_nothing_is_kept_in_the_home(self):
+        services = self.bundle()
+        home = self.directory / "home"
+        home.mkdir()
+        launcher = self.launch(services.program, within=[
+            "env", "-u", "XDG_CONFIG_HOME", "-u", "XDG_DATA_HOME", "-u", "XDG_STATE_HOME",
+            "-u", "XDG_CACHE_HOME", f"HOME={home}"])
+        self.deploy(launcher, services)
+        launcher.click("stop")
+        wait_for("the end of the services", lambda: not launcher.started())
+        self.close(launcher)
+        # Fonts and pictures that the system's libraries may look up there again.
+        self.assertEqual([path for path in home.iterdir() if path.name != ".cache"], [])
+
     def test_toolkit_takes_its_options(self):
         services = self.bundle()
         pictures = []

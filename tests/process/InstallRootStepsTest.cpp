@@ -96,6 +96,7 @@ private slots:
     void programInTheFileSystemRootHasAnEmptyDirectory();
     void getBasePathReturnsACopy();
     void makeBasePathReplacesTheRoot();
+    void rootIsNotLookedForAgain();
     void otherFieldsAreSetBeforeTheRoot();
     void exceptionLeavesTheConstructor();
 };
@@ -155,6 +156,17 @@ void InstallRootStepsTest::makeBasePathReplacesTheRoot()
     platform.path = "/usr/local/bin/orvane";
     runner.makeBasePath();
     QCOMPARE(runner.basePath, std::string());
+}
+
+void InstallRootStepsTest::rootIsNotLookedForAgain()
+{
+    Recorder runner;
+    platform.path = "/B/orvane.app/orvane";
+    runner.makeProgress("/bin/true", "");
+    runner.launchRequest();
+    runner.deleteProgress();
+    QCOMPARE(runner.basePath, std::string("/A/orvane.app"));
+    QCOMPARE(runner.getBasePath(), std::string("/A/orvane.app"));
 }
 
 void InstallRootStepsTest::otherFieldsAreSetBeforeTheRoot()

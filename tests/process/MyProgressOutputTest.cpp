@@ -22,7 +22,7 @@ struct Plain : MyProgress
     using MyProgress::readerThread;
 };
 
-/// Everything on the standard output of a process that does @p scenario and ends.
+/// Everything on the standard output and error of a process that does @p scenario and ends.
 QByteArray outputOf(const std::function<void()> &scenario)
 {
     const Processes::Run run = Processes::runApart(scenario);
@@ -36,8 +36,8 @@ QByteArray startedText(const QByteArray &pid)
 
 } // namespace
 
-/// The launcher's standard output, to the byte. A scenario that has to tell more adds it at the
-/// end, behind a bar.
+/// The launcher's standard output and error, to the byte. A scenario that has to tell more adds it
+/// at the end, behind a bar.
 class MyProgressOutputTest : public QObject
 {
     Q_OBJECT
@@ -59,6 +59,8 @@ private slots:
     void failedStartFlushesTheLaunchersLinesIntoThePipe_data();
     void failedStartFlushesTheLaunchersLinesIntoThePipe();
     void flushedLinesAreNotRepeatedInThePipe();
+    void onATerminalTheChildsLineReachesThePipe();
+    void exitHandlersOfTheLauncherStayOutOfTheChild();
 };
 
 void MyProgressOutputTest::baseSinkPrintsTheTextAsItStands_data()
@@ -249,6 +251,30 @@ void MyProgressOutputTest::flushedLinesAreNotRepeatedInThePipe()
     });
     QCOMPARE(output.split('|').value(1),
              QByteArray("Pipe ready\nChild progress ready\nchild progress loaded fail\n"));
+}
+
+void MyProgressOutputTest::onATerminalTheChildsLineReachesThePipe()
+{
+    const QByteArray output = outputOf([] {
+        std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // as the C library does on a terminal
+        Recorder runner;
+        runner.createProgress("", "echo hello");
+        std::printf("|%s|", wholeOutput(runner).constData());
+    });
+    QCOMPARE(output.split('|').value(1), QByteArray("Child progress ready\nhello\n"));
+}
+
+void MyProgressOutputTest::exitHandlersOfTheLauncherStayOutOfTheChild()
+{
+    const QByteArray output = outputOf([] {
+        std::atexit([] { std::printf("handler"); });
+        Recorder runner;
+        runner.createProgress("/etc/passwd", "");
+        std::printf("|%s|", wholeOutput(runner).constData());
+    });
+    QCOMPARE(output.split('|').value(1),
+             QByteArray("Pipe ready\nChild progress ready\nchild progress loaded fail\n"));
+    QVERIFY2(output.endsWith("handler"), output.constData()); // in the launcher
 }
 
 QTEST_GUILESS_MAIN(MyProgressOutputTest)

@@ -65,12 +65,14 @@ private slots:
     void emptyCommandRunsTheProgramItself();
     void directProgramGetsNoArgumentsAndNoEnvironment();
     void commandRunsInBash();
+    void bashIsNotLookedUpInThePath();
     void shellInheritsTheEnvironment();
     void childInheritsDirectoryInputAndGroup();
 
     void bothStreamsShareOnePipeInOrder();
     void childKeepsTheWriteEndUnderItsNumber();
     void launcherKeepsTheReadEndOnly();
+    void laterChildCarriesEarlierReadEnds_data();
     void laterChildCarriesEarlierReadEnds();
     void startTakesItsStepsInOrder();
     void childTakesItsStepsInOrder();
@@ -186,6 +188,21 @@ void MyProgressStartTest::commandRunsInBash()
              QFile::encodeName(QFileInfo("/bin/bash").canonicalFilePath()));
 }
 
+void MyProgressStartTest::bashIsNotLookedUpInThePath()
+{
+    const QTemporaryDir directory;
+    QFile other(directory.filePath("bash"));
+    QVERIFY(other.open(QIODevice::WriteOnly));
+    other.write("#!/bin/sh\necho wrong\n");
+    other.close();
+    QVERIFY(other.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
+    const QByteArray path = qgetenv("PATH");
+    QVERIFY(qputenv("PATH", QFile::encodeName(directory.path())));
+    runner->createProgress("", "echo right");
+    QVERIFY(qputenv("PATH", path));
+    QCOMPARE(wholeOutput(*runner), QByteArray("right\n"));
+}
+
 void MyProgressStartTest::shellInheritsTheEnvironment()
 {
     QVERIFY(qputenv("ORVANE_TEST", "kept for the shell"));
@@ -200,7 +217,7 @@ void MyProgressStartTest::shellInheritsTheEnvironment()
 void MyProgressStartTest::childInheritsDirectoryInputAndGroup()
 {
     runner->makeProgress("/bin/true", sleeping);
-    WAIT_UNTIL(Processes::program(runner->childPid) == "sleep");
+    WAIT_UNTIL(Processes::program(runner->childPid) == "tail");
     QCOMPARE(Processes::link(runner->childPid, "cwd"), Processes::link(getpid(), "cwd"));
     QCOMPARE(descriptor(runner->childPid, STDIN_FILENO), descriptor(getpid(), STDIN_FILENO));
     QCOMPARE(getpgid(runner->childPid), getpgid(0));
@@ -217,7 +234,7 @@ void MyProgressStartTest::childKeepsTheWriteEndUnderItsNumber()
 {
     runner->createProgress("", sleeping);
     const pid_t child = runner->childPid;
-    WAIT_UNTIL(Processes::program(child) == "sleep");
+    WAIT_UNTIL(Processes::program(child) == "tail");
     const QByteArray ourPipe = descriptor(getpid(), runner->pipeFds[0]);
     QVERIFY(ourPipe.startsWith("pipe:"));
     QCOMPARE(descriptor(child, STDOUT_FILENO), ourPipe);
@@ -233,14 +250,22 @@ void MyProgressStartTest::launcherKeepsTheReadEndOnly()
     QCOMPARE(fcntl(runner->pipeFds[1], F_GETFD), -1);
 }
 
+void MyProgressStartTest::laterChildCarriesEarlierReadEnds_data()
+{
+    QTest::addColumn<QByteArray>("command");
+    QTest::newRow("shell") << QByteArray(waitingShell);
+    QTest::newRow("direct") << QByteArray();
+}
+
 void MyProgressStartTest::laterChildCarriesEarlierReadEnds()
 {
+    QFETCH(QByteArray, command);
     runner->createProgress("", sleeping);
     Recorder second;
     second.createProgress("", sleeping);
     Recorder third;
-    third.createProgress("", sleeping);
-    WAIT_UNTIL(Processes::program(third.childPid) == "sleep");
+    third.createProgress("/bin/cat", command.toStdString());
+    WAIT_UNTIL(Processes::program(third.childPid) == (command.isEmpty() ? "cat" : "bash"));
     for (const Recorder *earlier :
          {const_cast<const Recorder *>(runner.get()), const_cast<const Recorder *>(&second)}) {
         const int readEnd = earlier->pipeFds[0];
@@ -274,7 +299,7 @@ void MyProgressStartTest::childTakesItsStepsInOrder()
         runner->createProgress("", sleeping);
         SystemCalls::stop(); // here; the child goes on
     }
-    WAIT_UNTIL(Processes::program(runner->childPid) == "sleep");
+    WAIT_UNTIL(Processes::program(runner->childPid) == "tail");
     const QString readEnd = QString::number(runner->pipeFds[0]);
     const QString writeEnd = QString::number(runner->pipeFds[1]);
     QCOMPARE(SystemCalls::childLines(),
@@ -295,14 +320,14 @@ void MyProgressStartTest::secondStartForgetsTheFirstChild()
 
     runner.reset();
     QCOMPARE(Processes::ended(secondChild).si_status, SIGKILL);
-    WAIT_UNTIL(Processes::program(firstChild) == "sleep");
+    WAIT_UNTIL(Processes::program(firstChild) == "tail");
     QCOMPARE(descriptor(firstChild, STDOUT_FILENO), descriptor(getpid(), firstReadEnd));
     kill(firstChild, SIGKILL);
 }
 
 void MyProgressStartTest::launchRequestStartsTheReader()
 {
-    runner->makeProgress("/bin/true", "echo hello; exec sleep 1000");
+    runner->makeProgress("/bin/true", std::string("echo hello; ") + sleeping);
     QCOMPARE(runner->readerResult, -1);
     runner->launchRequest();
     QCOMPARE(runner->readerResult, 0);
@@ -317,7 +342,7 @@ void MyProgressStartTest::launchRequestBeforeTheStartOnlySetsTheFlag()
     QCOMPARE(runner->readerResult, -1);
     QCOMPARE(runner->getStatus(), false);
 
-    runner->createProgress("", "echo hello; exec sleep 1000");
+    runner->createProgress("", std::string("echo hello; ") + sleeping);
     QCOMPARE(runner->readerResult, 0);
     QCOMPARE(runner->launchRequested, true); // for the next start as well
     WAIT_UNTIL(runner->messages.joined() == "hello\n");

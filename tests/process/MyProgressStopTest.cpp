@@ -81,6 +81,7 @@ void MyProgressStopTest::stopTakesItsStepsInOrder()
                                                 "pthread_cancel", "sink Progress stopped"}));
     QCOMPARE(result, true);
     QCOMPARE(runner->getStatus(), false);
+    QCOMPARE(runner->launchRequested, true);
     QCOMPARE(runner->messages.all().last(), QByteArray("Progress stopped"));
     QVERIFY(pthread_equal(runner->messages.senders().back(), pthread_self()));
 }
@@ -109,7 +110,7 @@ void MyProgressStopTest::destructorLeavesAStoppedRunnerAlone()
     runner.reset();
     SystemCalls::stop();
     QCOMPARE(SystemCalls::lines(), QStringList());
-    WAIT_UNTIL(Processes::program(child) == "sleep");
+    WAIT_UNTIL(Processes::program(child) == "tail");
     kill(child, SIGKILL);
 }
 

@@ -71,8 +71,8 @@ struct Run
     int status; ///< as from waitpid(2)
 };
 
-/// Runs @p scenario in a process of its own whose standard output is a file, as when the launcher
-/// is started with its output sent into one, and which ends in exit().
+/// Runs @p scenario in a process of its own whose standard output and error are a file, as when
+/// the launcher is started with its output sent into one, and which ends in exit().
 inline Run runApart(const std::function<void()> &scenario)
 {
     QTemporaryFile file;
@@ -86,6 +86,9 @@ inline Run runApart(const std::function<void()> &scenario)
         if (std::freopen(name.constData(), "w", stdout) == nullptr) {
             _exit(99);
         }
+        dup2(STDOUT_FILENO, STDERR_FILENO);
+        const rlimit noCoreFile{0, 0};
+        setrlimit(RLIMIT_CORE, &noCoreFile);
         alarm(60); // seconds, for a scenario that hangs
         scenario();
         std::exit(0);

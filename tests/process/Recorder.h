@@ -112,8 +112,8 @@ public:
     void endOfFile() const { close(pipeFds[1]); }
 };
 
-/// A shell command whose process stays until it is killed, with nothing left behind.
-constexpr const char *sleeping = "exec sleep 1000";
+/// A shell command whose process, tail(1), stays until it is killed or the test has ended.
+constexpr const char *sleeping = "exec tail --follow --pid=$PPID /dev/null";
 
 /// Everything that the child writes until it ends, taken without the reader.
 inline QByteArray wholeOutput(MyProgress &runner)

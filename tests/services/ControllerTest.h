@@ -9,6 +9,7 @@
 #include <QDir>
 
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -42,10 +43,12 @@ private slots:
     virtual void convertsMessagesFromUtf8_data() = 0;
     virtual void convertsMessagesFromUtf8() = 0;
     virtual void showsThePathAndThatTheProgramIsMissing() = 0;
+    virtual void thePathGoesToTheMostDerivedSink() = 0;
     virtual void recordsThePathBeforeItLooksForTheProgram() = 0;
     virtual void requestsReadingAfterTheStart() = 0;
     virtual void showsThePathThenFoundThenTheOutput() = 0;
     virtual void outputIsShownByTheReaderThread() = 0;
+    virtual void sinksDoNotWaitForEachOther() = 0;
     virtual void aRowIsAChunkThatMayCutACharacter() = 0;
     virtual void aFailedStartIsARow() = 0;
     virtual void releasesItsMessagesBeforeTheKill() = 0;
@@ -68,6 +71,7 @@ protected:
     class Open : public Controller
     {
     public:
+        using Controller::basePath;
         using Controller::childPid;
         using Controller::launchRequested;
         using Controller::messages;
@@ -223,6 +227,7 @@ private:
         QTest::newRow("not UTF-8") << QByteArray("a\xFFz") << QStringLiteral("a\uFFFDz");
         QTest::newRow("Latin 1") << QByteArray("a\xE9z") << QStringLiteral("a\uFFFDz");
         QTest::newRow("cut at its end") << QByteArray("a\xC3") << QStringLiteral("a\uFFFD");
+        QTest::newRow("a zero byte") << QByteArray("a\0z", 3) << QString("a") + QChar(u'\0') + "z";
         QTest::newRow("cut at its start") << QByteArray("\xA9z") << QStringLiteral("\uFFFDz");
     }
 
@@ -253,6 +258,19 @@ private:
         QCOMPARE(view.count(), std::size_t{2});
         QCOMPARE(output.text(), QByteArray());
         QCOMPARE(CallLog::lines(), QStringList());
+    }
+
+    void thePathGoesToTheMostDerivedSink() override
+    {
+        struct Heard : Open
+        {
+            void insertMsg(std::string msg) override { heard += QString::fromStdString(msg); }
+            QStringList heard;
+        };
+        Heard controller;
+        controller.setUi(nullptr);
+        QCOMPARE(controller.heard, QStringList({path(), "File not found"}));
+        QCOMPARE(controller.messages, QStringList());
     }
 
     /// The program appears while the path is shown, and is found.
@@ -314,6 +332,35 @@ private:
         QVERIFY(view.threadOf(0) == std::this_thread::get_id());
         QVERIFY(view.threadOf(1) == std::this_thread::get_id());
         QVERIFY(view.threadOf(2) != std::this_thread::get_id());
+        QVERIFY(view.modelAt(2)->thread() != view.thread()); // nor is it handed over afterwards
+        QVERIFY(isIdle(controller));
+    }
+
+    /// No lock: a message of the GUI thread is shown while the reader is inside the sink. It stands
+    /// behind its own changes there, so that the two do not meet in them.
+    void sinksDoNotWaitForEachOther() override
+    {
+        install("echo output\n");
+        Watched view(nullptr);
+        const auto here = std::this_thread::get_id();
+        std::atomic<bool> inside{false};
+        std::atomic<bool> overtaken{false};
+        std::atomic<bool> left{false};
+        view.atModel = [&] {
+            if (std::this_thread::get_id() != here) {
+                inside = true;
+                overtaken = eventually([&] { return view.count() == 4; });
+                left = true;
+            }
+        };
+        Open controller;
+        controller.setUi(&view);
+        QVERIFY(eventually([&] { return inside.load(); }));
+        controller.insertMsg("meanwhile");
+        QVERIFY(eventually([&] { return left.load(); }));
+        QVERIFY(overtaken);
+        QCOMPARE(rowsOf(view.model()),
+                 QStringList({path(), "File found", "output\n", "meanwhile"}));
         QVERIFY(isIdle(controller));
     }
 

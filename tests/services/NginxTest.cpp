@@ -103,6 +103,18 @@ private slots:
         QCOMPARE(controller.messages, QStringList({path(), "File found"}));
     }
 
+    void abolishLooksWhereTheRootWasAtTheStart()
+    {
+        Services::installNginx({});
+        Open controller;
+        controller.setUi(nullptr);
+        QVERIFY(isIdle(controller));
+        controller.basePath = "/elsewhere";
+        controller.abolish();
+        QCOMPARE(CallLog::lines().last(), "system cd /elsewhere/nginx && sbin/nginx -s stop");
+        controller.basePath = BundleTest::root().toStdString();
+    }
+
     void abolishWaitsForTheStopCommand()
     {
         Services::installNginx({}, "sleep 0.3\n" + Services::noting("nginx has stopped"));
