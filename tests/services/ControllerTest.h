@@ -7,6 +7,7 @@
 #include "tests/support/WatchedView.h"
 
 #include <QDir>
+#include <QScrollBar>
 
 #include <array>
 #include <atomic>
@@ -39,6 +40,7 @@ private slots:
     virtual void dropsAnEmptyMessage() = 0;
     virtual void collectsWithoutAViewAndShowsAllInTheNextModel() = 0;
     virtual void everyMessageInstallsANewModelOfItsOwn() = 0;
+    virtual void aNewRowLeavesTheListWhereItWasScrolledTo() = 0;
     virtual void modelsOutliveTheirController() = 0;
     virtual void convertsMessagesFromUtf8_data() = 0;
     virtual void convertsMessagesFromUtf8() = 0;
@@ -199,6 +201,24 @@ private:
             QVERIFY(!view.modelAt(i).isNull());
             QCOMPARE(rowsOf(view.modelAt(i)), expected.mid(0, static_cast<int>(i) + 1));
         }
+    }
+
+    void aNewRowLeavesTheListWhereItWasScrolledTo() override
+    {
+        Watched view(nullptr);
+        Open controller;
+        controller.view = &view;
+        for (int i = 0; i < 100; ++i) {
+            controller.insertMsg("row");
+        }
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        view.scrollToBottom();
+        const int bottom = view.verticalScrollBar()->value();
+        QVERIFY(bottom > 0);
+        controller.insertMsg("one more");
+        QTRY_COMPARE(view.verticalScrollBar()->maximum(), bottom + 1);
+        QCOMPARE(view.verticalScrollBar()->value(), bottom);
     }
 
     void modelsOutliveTheirController() override
