@@ -28,8 +28,8 @@ public:
     nlohmann::json frames(std::uint64_t channel, std::uint64_t after)
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        const auto open = Clock::now() - opened.at(channel);
-        const auto newest = static_cast<std::uint64_t>(open / std::chrono::milliseconds(40));
+        const auto shown = Clock::now() - opened.at(channel);
+        const auto newest = static_cast<std::uint64_t>(shown / std::chrono::milliseconds(40));
         auto list = nlohmann::json::array();
         for (after = std::max(after, newest - std::min(newest, std::uint64_t{50}));
              after < newest;) {

@@ -7,17 +7,17 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <httplib.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <unistd.h>
 
 using Json = nlohmann::json;
 
 namespace {
 
-constexpr std::size_t mostBytes = 64 * 1024; // of one body
-constexpr std::size_t mostCalls = 16;        // of one batch
+constexpr std::size_t mostBytes = std::size_t{64} * 1024; // of one body
+constexpr std::size_t mostCalls = 16;                     // of one batch
 
 struct RpcError
 {
@@ -149,10 +149,11 @@ int main() // started with neither arguments nor environment, and stopped by SIG
 
     httplib::Server server;
     if (!listen(server)) {
-        say(errno == EADDRINUSE ? "rpcServer: port 4201 is taken by another program, or by a "
-                                  "server that a killed launcher left running. End it, then press "
-                                  "[Deploy Service] again."
-                                : std::string("rpcServer: port 4201: ") + std::strerror(errno));
+        say(errno == EADDRINUSE
+                ? "rpcServer: port 4201 is taken by another program, or by a "
+                  "server that a killed launcher left running. End it, then press "
+                  "[Deploy Service] again."
+                : "rpcServer: port 4201: " + std::generic_category().message(errno));
         return 1;
     }
     say("rpcServer: listening on 127.0.0.1:4201");
@@ -160,7 +161,7 @@ int main() // started with neither arguments nor environment, and stopped by SIG
     Channels channels;
     server.set_keep_alive_max_count(1); // an idle connection would hold a thread of the pool
     server.set_payload_max_length(mostBytes);
-    server.set_error_handler([](const httplib::Request &, httplib::Response &response) {
+    server.set_error_handler([](const httplib::Request &, const httplib::Response &response) {
         say("refused: HTTP status " + std::to_string(response.status));
     });
     server.Post("/rpc", [&channels](const auto &, auto &response, const auto &read) {
