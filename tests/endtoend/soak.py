@@ -113,8 +113,14 @@ class Run:
     def note_figures(self):
         of_launcher = Path(f"/proc/{self.launcher.pid}")
         pages = int((of_launcher / "statm").read_text().split()[1])
-        self.figures.append((len(list((of_launcher / "fd").iterdir())),
-                             pages * resource.getpagesize() // 1024))
+        self.figures.append((self.descriptors(), pages * resource.getpagesize() // 1024))
+
+    def descriptors(self):
+        return len(list(Path(f"/proc/{self.launcher.pid}/fd").iterdir()))
+
+    def check_descriptors(self):
+        expected = self.figures[0][0] + DESCRIPTORS * (len(self.figures) - 1)
+        self.wait(f"{expected} descriptors", lambda: self.descriptors() == expected)
 
     def life_of_a_launcher(self, desktop, cycles):
         """Up to so many cycles; returns how many there were."""
@@ -126,6 +132,7 @@ class Run:
                     done += 1
                     self.cycle()
                     self.report(done)
+                self.check_descriptors()
                 self.launcher.close()
                 self.wait_for_good_end()
             except (ChildProcessError, TimeoutError) as why:
