@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <poll.h>
 #include <regex>
 #include <unistd.h>
 #include <utility>
@@ -42,6 +43,29 @@ void readChunk(std::int32_t fd, Chunk &chunk)
 std::string chunkText(const Chunk &chunk)
 {
     return {chunk.data(), strnlen(chunk.data(), chunk.size())};
+}
+
+/// From here on a cancellation ends the calling thread at any instruction.
+void allowCancellation()
+{
+    int previous = 0;
+    // Asynchronous on purpose: a stop neither waits for the reader nor asks where it is.
+    // NOLINTNEXTLINE(cert-pos47-c,concurrency-thread-canceltype-asynchronous)
+    pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &previous);
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
+}
+
+/// From here on a cancellation waits; one that came before has ended the calling thread. In glibc
+/// it comes as a signal, whose handler asks for the type only: one that is on its way would still
+/// strike behind a change of the state (seen with 2.36: in the allocator, which then stays locked).
+/// At the end of a cancellation point, which poll() is, glibc waits for such a signal.
+void holdOffCancellation()
+{
+    int previous = 0;
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &previous);
+    poll(nullptr, 0, 0);
+    pthread_testcancel();
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
 }
 
 /// Hands one chunk to the sink. Kept out of the reader's own frame: a cancelled thread unwinds
@@ -203,26 +227,23 @@ std::string MyProgress::readMsg()
 
 void *MyProgress::autoUpdate(void *self)
 {
-    int previous = 0;
-    // Asynchronous on purpose: a stop neither waits for the reader nor asks where it is.
-    // NOLINTNEXTLINE(cert-pos47-c,concurrency-thread-canceltype-asynchronous)
-    pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &previous);
+    allowCancellation();
     auto *runner = static_cast<MyProgress *>(self);
-    if (!runner->running) {
-        return self;
-    }
     for (;;) {
+        // A thread that returns frees its memory: not to be cut off in the middle either.
+        holdOffCancellation();
+        if (!runner->running) {
+            return self;
+        }
+        allowCancellation();
         Chunk chunk;
         readChunk(runner->pipeFds[0], chunk);
         // A sink cut off in the middle leaves the toolkit's lists broken, and the unwind through
         // the toolkit's code ends the process: a cancellation waits until the sink has returned.
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+        holdOffCancellation();
         deliver(*runner, chunk);
-        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
+        allowCancellation();
         usleep(readPause);
-        if (!runner->running) {
-            return self;
-        }
     }
 }
 

@@ -29,7 +29,8 @@ struct Turns : FedRecorder
         SystemCalls::note("sink " + QByteArray::fromStdString(msg));
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
         pthread_setcancelstate(cancelState, nullptr);
-        pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &cancelType);
+        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &cancelType);
+        pthread_setcanceltype(cancelType, nullptr);
         if (!fedLater.isEmpty()) {
             feed(fedLater.takeFirst());
         }
@@ -41,6 +42,7 @@ struct Turns : FedRecorder
     {
         left = turns;
         result = MyProgress::autoUpdate(this);
+        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &stateAfterwards);
         pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &typeAfterwards);
         return messages.all();
     }
@@ -50,6 +52,7 @@ struct Turns : FedRecorder
     void *result = nullptr;
     int cancelState = -1; ///< as the sink found it
     int cancelType = -1;
+    int stateAfterwards = -1;
     int typeAfterwards = -1;
 };
 
@@ -64,6 +67,7 @@ private slots:
     void turnReadsHandsOverAndPauses();
     void nothingIsReadWhileNotRunning();
     void sinkRunsWithCancellationHeldOff();
+    void readerReturnsWithCancellationHeldOff();
     void sinkRunsOnTheReaderThread();
     void readerEndsWhenTheRunnerStopsRunning();
 
@@ -92,10 +96,10 @@ void MyProgressReaderTest::turnReadsHandsOverAndPauses()
     SystemCalls::record(runner.running);
     runner.read(2);
     SystemCalls::stop();
-    const QString read = QString("read %1 512 (running)").arg(runner.pipeFds[0]);
+    const QString read = QString("read %1 512 (cancellable) (running)").arg(runner.pipeFds[0]);
     QCOMPARE(SystemCalls::lines(),
-             (QStringList{read, "sink hello (running)", "usleep 200000 (running)", read,
-                          "sink  (running)", "usleep 200000"}));
+             (QStringList{read, "sink hello (running)", "usleep 200000 (cancellable) (running)",
+                          read, "sink  (running)", "usleep 200000 (cancellable)"}));
     QCOMPARE(runner.result, static_cast<void *>(&runner));
 }
 
@@ -109,7 +113,6 @@ void MyProgressReaderTest::nothingIsReadWhileNotRunning()
     SystemCalls::stop();
     QCOMPARE(SystemCalls::lines(), QStringList());
     QCOMPARE(runner.result, static_cast<void *>(&runner));
-    QCOMPARE(runner.typeAfterwards, PTHREAD_CANCEL_ASYNCHRONOUS); // set before the flag is read
 }
 
 /// Outside of the sink, turnReadsHandsOverAndPauses() shows that the thread can be cancelled.
@@ -119,8 +122,20 @@ void MyProgressReaderTest::sinkRunsWithCancellationHeldOff()
     runner.endOfFile();
     runner.read(1);
     QCOMPARE(runner.cancelState, PTHREAD_CANCEL_DISABLE);
-    QCOMPARE(runner.cancelType, PTHREAD_CANCEL_ASYNCHRONOUS);
-    QCOMPARE(runner.typeAfterwards, PTHREAD_CANCEL_ASYNCHRONOUS);
+    QCOMPARE(runner.cancelType, PTHREAD_CANCEL_DEFERRED);
+}
+
+/// On its way out a thread frees its memory.
+void MyProgressReaderTest::readerReturnsWithCancellationHeldOff()
+{
+    for (const bool running : {true, false}) {
+        Turns runner;
+        runner.endOfFile();
+        runner.setStatus(running);
+        runner.read(1);
+        QCOMPARE(runner.stateAfterwards, PTHREAD_CANCEL_DISABLE);
+        QCOMPARE(runner.typeAfterwards, PTHREAD_CANCEL_DEFERRED);
+    }
 }
 
 void MyProgressReaderTest::sinkRunsOnTheReaderThread()

@@ -63,6 +63,7 @@ private slots:
     void onlyTheLastReaderIsCancelled();
     void lateChunkGoesToWhatTheObjectPresents();
     void chattyRunnersStopAtAnyMoment();
+    void cancelledReadersLeaveNoLockBehind();
 
     void exceptionOutOfTheStopEndsTheProcess();
 
@@ -207,7 +208,7 @@ void MyProgressStopTest::sleepingReaderIsCancelled()
 {
     // In a process of its own for the long pause, which it would otherwise wait for.
     const Processes::Run run = Processes::runApart([] {
-        SystemCalls::stretchPauses();
+        SystemCalls::changePauses(3'600'000'000); // microseconds
         FedRecorder fed;
         const int before = SystemCalls::pausesBegun();
         fed.feed("hello");
@@ -340,6 +341,48 @@ void MyProgressStopTest::chattyRunnersStopAtAnyMoment()
         chatty->launchRequest();
         usleep(static_cast<useconds_t>(i * 50)); // microseconds
     }
+}
+
+/// fork() takes the allocator's locks. One that a cancelled reader has left locked, in the sink or
+/// on its way out, stops it for good.
+void MyProgressStopTest::cancelledReadersLeaveNoLockBehind()
+{
+    const Processes::Run run = Processes::runApart([] {
+        struct Busy : FedRecorder
+        {
+            void insertMsg(std::string) override
+            {
+                // Seven of a size: so many glibc's allocator keeps for a thread until it ends.
+                std::array<std::string, 420> texts;
+                for (std::size_t i = 0; i < texts.size(); ++i) {
+                    texts[i].assign(16 + i / 7 * 16, 'a');
+                }
+            }
+        };
+        constexpr int stops = 3000;
+        SystemCalls::changePauses(20);
+        Busy fed;
+        fed.endOfFile();
+        for (int i = 0; i < stops; ++i) {
+            fed.setStatus(true);
+            const int before = SystemCalls::pausesBegun();
+            fed.launch();
+            while (SystemCalls::pausesBegun() <= before + 1) {
+                sched_yield();
+            }
+            fed.setStatus(false); // so that it may be about to return
+            for (volatile int delay = 0; delay < i % 800 * 200; delay = delay + 1) {
+            }
+            fed.deleteProgress();
+            const pid_t child = fork();
+            if (child == 0) {
+                _exit(0);
+            }
+            waitpid(child, nullptr, 0);
+            pthread_join(fed.readerThread, nullptr);
+        }
+    });
+    QCOMPARE(run.status, 0);
 }
 
 void MyProgressStopTest::exceptionOutOfTheStopEndsTheProcess()

@@ -41,7 +41,7 @@ pid_t recordingProcess = 0;
 const pid_t testProcess = getpid();
 const bool *watched = nullptr;
 bool cancelFails = false;
-std::atomic<bool> pausesAreLong{false};
+std::atomic<useconds_t> pauseInstead{0}; // microseconds; 0 for the one that is asked for
 std::atomic<int> reads{0};
 std::atomic<int> pauses{0};
 
@@ -137,12 +137,14 @@ Next<int(pthread_t)> nextDetach{"pthread_detach"};
 const char *cancellability()
 {
     int state = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
-    if (state != PTHREAD_CANCEL_ENABLE) {
-        pthread_setcancelstate(state, &state);
-        return " (not cancellable)";
-    }
-    return "";
+    int type = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
+    int changed = 0;
+    pthread_setcanceltype(type, &changed);
+    pthread_setcancelstate(state, &changed);
+    return state == PTHREAD_CANCEL_ENABLE && type == PTHREAD_CANCEL_ASYNCHRONOUS ? " (cancellable)"
+                                                                                 : "";
 }
 
 } // namespace
@@ -183,9 +185,9 @@ int SystemCalls::pausesBegun()
     return pauses;
 }
 
-void SystemCalls::stretchPauses()
+void SystemCalls::changePauses(useconds_t microseconds)
 {
-    pausesAreLong = true;
+    pauseInstead = microseconds;
 }
 
 void SystemCalls::throwFromCancel()
@@ -252,8 +254,7 @@ int usleep(useconds_t pause)
         add("usleep", {pause}, cancellability());
     }
     pauses += isOurs(__builtin_return_address(0)) ? 1 : 0;
-    constexpr useconds_t hour = 3'600'000'000; // microseconds
-    return nextUsleep(pausesAreLong ? hour : pause);
+    return nextUsleep(pauseInstead != 0 ? pauseInstead.load() : pause);
 }
 
 /// A signal to everybody or to a group is recorded and goes nowhere: no fault of the code under

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QStringList>
+#include <unistd.h>
 
 /// Records what the code under test asks of the system, in order. The test's executable defines the
 /// calls itself, notes each one and hands it on to the C library:
@@ -26,8 +27,8 @@ QStringList childLines();
 /// How many reads and pauses any thread of this program has begun.
 int readsBegun();
 int pausesBegun();
-/// From now on usleep() lasts an hour.
-void stretchPauses();
+/// From now on usleep() lasts so long, whatever it is asked for.
+void changePauses(useconds_t microseconds);
 /// From now on pthread_cancel() throws.
 void throwFromCancel();
 

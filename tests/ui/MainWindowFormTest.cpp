@@ -272,12 +272,16 @@ private slots:
 
     void theTitleIsLargeInAnOtherwiseDefaultFont()
     {
-        QFont expected("Monospace", 7, QFont::Bold, true);
-        QApplication::setFont(expected);
-        form->setupUi(window.get());
-        QApplication::setFont(QFont());
-        expected.setPointSize(15);
-        QCOMPARE(element<QLabel>("label")->font().toString(), expected.toString());
+        const QFont usual = QApplication::font();
+        for (QFont expected : {QFont("Monospace", 7, QFont::Bold, true), QFont("Serif", 7)}) {
+            cleanup();
+            init();
+            QApplication::setFont(expected);
+            form->setupUi(window.get());
+            QApplication::setFont(usual);
+            expected.setPointSize(15);
+            QCOMPARE(element<QLabel>("label")->font().toString(), expected.toString());
+        }
     }
 
     void onlyTheDirectionsWrap()
