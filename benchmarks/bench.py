@@ -4,7 +4,6 @@ Rows that cost the machine next to nothing and take their time run beside the ot
 the two resting launchers."""
 
 import argparse
-import os
 import shutil
 import signal
 import sys
@@ -78,18 +77,19 @@ def main():
     arguments.add_argument("--results", type=Path, required=True)
     arguments.add_argument("--npm", type=Path, required=True)
     arguments.add_argument("--version", required=True)
+    arguments.add_argument("--load", type=float, required=True, help="before anything was built")
     given = arguments.parse_args()
-    signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))  # ends what it started
-    busy = os.getloadavg()[0]
-    if busy > 0.5:
-        print(f"The machine is busy (load {busy:.1f}): the figures will show it.")
+    for number in (signal.SIGTERM, signal.SIGHUP):  # ends what it started
+        signal.signal(number, lambda number, _: sys.exit(128 + number))
+    if given.load > 0.5:
+        print(f"The machine is busy (load {given.load:.1f}): the figures will show it.")
     progress = Progress(150 if given.quick else 480)
     rows, compared = measure(
         Context(given.quick, given.build, given.npm, given.version, progress))
     document = PROJECT / "docs/performance.md"
     if given.quick:  # too coarse to be published
         document = Path(shutil.copy(document, given.results))
-    report.write(rows, compared, busy, given.results, document)
+    report.write(rows, compared, given.load, given.results, document)
     print("\n".join(report.table(rows) + [""] + report.runner_table(compared)))
     print(f"\nWritten: {document}, {given.results}/results.md, {given.results}/results.json")
 

@@ -3,6 +3,7 @@
 import json
 import statistics
 import subprocess
+from contextlib import ExitStack
 
 from desktop import Desktop
 from figures import Row, Series
@@ -69,13 +70,15 @@ class Reader:
 
     def __init__(self, context, what, amount):
         self._ended = False
-        self.desktop = Desktop()
-        self.bundle = Bundle(context.programs, context.programs / "Reader")
-        self.result = self.bundle.root / "result"
-        self.process = subprocess.Popen(
-            [self.bundle.executable, what, str(amount), self.result],
-            env=self.desktop.environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL)
+        with ExitStack() as stack:  # if this is cut short, what there is already is ended
+            desktop = stack.enter_context(Desktop())
+            bundle = stack.enter_context(Bundle(context.programs, context.programs / "Reader"))
+            self.result = bundle.root / "result"
+            self.process = subprocess.Popen(
+                [bundle.executable, what, str(amount), self.result],
+                env=desktop.environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL)
+            self._close = stack.pop_all().close
 
     def lines(self):
         """Waits for the result."""
@@ -92,8 +95,7 @@ class Reader:
             self._ended = True
             self.process.kill()
             self.process.wait()
-            self.bundle.close()
-            self.desktop.close()
+            self._close()
 
 
 def line_rows(context):

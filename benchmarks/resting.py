@@ -3,7 +3,9 @@
 It costs the machine next to nothing, so it goes on beside the other rows."""
 
 import os
+import threading
 import time
+from contextlib import ExitStack
 from pathlib import Path
 
 from desktop import Desktop, Launcher, wait_for
@@ -31,39 +33,41 @@ class Resting:
     """One deployed launcher that is left alone; with `ended` services, both have ended."""
 
     def __init__(self, context, ended):
-        self.seconds = 15 if context.quick else 60
-        self.desktop = Desktop()
-        self.bundle = Bundle(context.programs, context.launcher)
-        self.launcher = Launcher(self.desktop, self.bundle.executable, landmarks=context.landmarks)
-        self.launcher.click("deploy")
-        self.bundle.started()
-        settle(self.launcher.pid)
-        if ended:
-            for child in self.bundle.children:
-                child.order("end")
-            wait_for("the services end", lambda: not self.launcher.started())
-            time.sleep(1)  # the last rows
-        self._begin()
+        with ExitStack() as stack:  # if this is cut short, what there is already is ended
+            desktop = stack.enter_context(Desktop())
+            bundle = stack.enter_context(Bundle(context.programs, context.launcher))
+            self.launcher = stack.enter_context(
+                Launcher(desktop, bundle.executable, landmarks=context.landmarks))
+            self.launcher.click("deploy")
+            bundle.started()
+            settle(self.launcher.pid)
+            if ended:
+                for child in bundle.children:
+                    child.order("end")
+                wait_for("the services end", lambda: not self.launcher.started())
+                time.sleep(1)  # the last rows
+            self._before = self._counters()
+            self._timer = threading.Timer(15 if context.quick else 60, self._read)  # seconds
+            self._timer.daemon = True
+            self._timer.start()
+            self.end = stack.pop_all().close
 
-    def _begin(self):
-        self.began = now(), wake_ups(self.launcher.pid), processor_time(self.launcher.pid)
+    def _counters(self):
+        return now(), wake_ups(self.launcher.pid), processor_time(self.launcher.pid)
+
+    def _read(self):
+        self._after = self._counters()
 
     def result(self):
         """Wake-ups of the readers and of the other threads, and processor time, each a second."""
-        began, woken, ran = self.began
-        time.sleep(max(0, self.seconds - (now() - began) / 1e9))
-        seconds = (now() - began) / 1e9
-        per_thread = {task: (count - woken[task]) / seconds
-                      for task, count in wake_ups(self.launcher.pid).items()}
+        self._timer.join()
+        (began, woken, ran), (ended, woken_since, ran_since) = self._before, self._after
+        seconds = (ended - began) / 1e9
+        per_thread = {task: (count - woken[task]) / seconds for task, count in woken_since.items()}
         readers = sorted(per_thread, key=int)[-2:]  # the threads that were made last
         return {"readers": sum(per_thread[task] for task in readers),
                 "others": sum(rate for task, rate in per_thread.items() if task not in readers),
-                "microseconds": (processor_time(self.launcher.pid) - ran) / 1000 / seconds}
-
-    def end(self):
-        self.launcher.end()
-        self.bundle.close()
-        self.desktop.close()
+                "microseconds": (ran_since - ran) / 1000 / seconds}
 
 
 def rows(quiet, ended):

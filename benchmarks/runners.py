@@ -10,7 +10,6 @@ import shutil
 import signal
 import subprocess
 import time
-from contextlib import suppress
 from dataclasses import dataclass
 
 import psutil
@@ -18,7 +17,7 @@ from Xlib.ext import damage
 
 from desktop import Desktop, Launcher
 from figures import Series, take_turns
-from stage import NGINX, RPC, Bundle, pids_of
+from stage import NGINX, RPC, Bundle, end_services
 from window import PATIENCE, Watcher, memory, milliseconds, now, press, settle
 
 SETTLED = 0.3  # seconds without output after which a runner has said all it has to say
@@ -94,11 +93,7 @@ class Terminal:
 
 def left_running(bundle):
     """How many processes of the bundle's services still run; ends them."""
-    left = pids_of(bundle.root / NGINX, bundle.root / RPC)
-    for pid in left:
-        with suppress(ProcessLookupError):
-            os.kill(pid, signal.SIGKILL)
-    return len(left)
+    return end_services(bundle.root / NGINX, bundle.root / RPC)
 
 
 def line_times(bundle, count, shown):
@@ -177,9 +172,10 @@ class Drawings:
     def last(self, _number):
         """When the last change was drawn that comes now."""
         drawn, _ = self.watcher.wait(self._is_drawing, "the window draws")
-        while select.select([self.display], [], [], 0.1)[0]:
-            if self.display.pending_events() and self._is_drawing(self.display.next_event()):
-                drawn = now()
+        while self.display.pending_events() or select.select([self.display], [], [], 0.1)[0]:
+            while self.display.pending_events():
+                if self._is_drawing(self.display.next_event()):
+                    drawn = now()
         return drawn
 
     def _is_drawing(self, seen):

@@ -3,8 +3,11 @@
 import os
 import select
 import shutil
+import signal
+import subprocess
 import tempfile
 import time
+from contextlib import suppress
 from pathlib import Path
 
 from desktop import port_open, wait_for
@@ -24,6 +27,15 @@ def pids_of(*programs):
         except OSError:
             pass  # it has gone, is another user's, or lies deeper than a link can say
     return found
+
+
+def end_services(*programs):
+    """Ends what a run that was cut short has left; how many there were."""
+    left = pids_of(*programs)
+    for pid in left:
+        with suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGKILL)
+    return len(left)
 
 
 class Child:
@@ -54,7 +66,7 @@ class Child:
                 kind, stamp, pid = line.split()
                 if kind == what:
                     return int(stamp), int(pid)
-            if not select.select([self._stamps], [], [], deadline - time.monotonic())[0]:
+            if not select.select([self._stamps], [], [], max(0, deadline - time.monotonic()))[0]:
                 raise TimeoutError(f"{self.path} does not report: {what}")
             self._received += os.read(self._stamps, 4096).decode()
 
@@ -98,6 +110,7 @@ class Bundle:
         return max(stamp for stamp, _ in stamps), stamps[1][1]
 
     def close(self):
+        end_services(self.root / NGINX, self.root / RPC)
         for child in self.children:
             child.close()
         self._directory.cleanup()
@@ -118,6 +131,9 @@ class SampleBundle:
         return self
 
     def __exit__(self, *_):
+        # Beside a run that was cut short there may be an nginx; it is not called after the bundle.
+        subprocess.run([self.root / NGINX, "-s", "stop"], stderr=subprocess.DEVNULL, check=False)
+        end_services(self.root / RPC)
         self._directory.cleanup()
 
     def forget(self):

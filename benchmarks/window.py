@@ -62,7 +62,7 @@ class Watcher:
                 seen = self.display.next_event()
                 if wanted(seen):
                     return now(), seen
-            if not select.select([self.display], [], [], deadline - time.monotonic())[0]:
+            if not select.select([self.display], [], [], max(0, deadline - time.monotonic()))[0]:
                 raise TimeoutError(what)
 
     def manage(self):

@@ -49,6 +49,7 @@ def bare_exec(arguments):
     """Replaces this process by the server, with these arguments and a null environment."""
     words = (ctypes.c_char_p * (len(arguments) + 1))(*arguments, None)
     ctypes.CDLL(None).execve(PROGRAM.encode(), words, None)
+    raise OSError("execve")
 
 
 class RpcServerTest(unittest.TestCase):
@@ -210,7 +211,7 @@ class Channels(RpcServerTest):
     def test_delivers_two_seconds_at_most_and_the_newest(self):
         channel = ask(call("channel.open"))["result"]["channel"]
         wait_for("the 60th frame",
-                 lambda: any(frame["number"] == 60 for frame in self.frames(channel)))
+                 lambda: any(frame["number"] >= 60 for frame in self.frames(channel)))
         frames = self.frames(channel)
         self.assertEqual(len(frames), 50)
         self.assertGreaterEqual(frames[-1]["number"], 60)

@@ -2,17 +2,19 @@
 
 In a real window, against services that flood their output and against the bundle's real ones.
 
-ORVANE_LAUNCHER and ORVANE_LANDMARKS name the programs. Exits with 0 if the launcher never crashed
-and nothing was left running.
+ORVANE_LAUNCHER and ORVANE_LANDMARKS name the programs. Exits with 0 if the launcher never crashed,
+each cycle left the designed number of descriptors, and nothing was left running.
 """
 
-import os
 import resource
 import signal
+import subprocess
 import sys
 import tempfile
 import time
 from pathlib import Path
+
+from Xlib.error import XError
 
 from browser import SITE_PORT, site_answers
 from desktop import Desktop, Launcher, port_open, wait_for
@@ -135,7 +137,7 @@ class Run:
                 self.check_descriptors()
                 self.launcher.close()
                 self.wait_for_good_end()
-            except (ChildProcessError, TimeoutError) as why:
+            except (ChildProcessError, TimeoutError, subprocess.TimeoutExpired, XError) as why:
                 self.failures.append(str(why))
                 print(f"\n{self.name}: {why}\n{self.launcher.errors[-500:]}")
         return done
@@ -178,11 +180,14 @@ class Run:
 
 def main():
     cycles, kinds = int(sys.argv[1]), sys.argv[2:] or ["chatty", "real"]
+    if set(kinds) - {"chatty", "real"}:
+        sys.exit(__doc__)
     # Every deploy leaves two descriptors open for the launcher's life.
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     many = MANY_DESCRIPTORS if hard == resource.RLIM_INFINITY else min(hard, MANY_DESCRIPTORS)
     resource.setrlimit(resource.RLIMIT_NOFILE, (many, hard))
-    signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))  # ends what it started
+    for number in (signal.SIGTERM, signal.SIGHUP):  # ends what it started
+        signal.signal(number, lambda number, _: sys.exit(128 + number))
     good = True
     for kind in kinds:
         with tempfile.TemporaryDirectory(prefix="orvane-soak-") as directory:

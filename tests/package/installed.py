@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """The Debian package in a clean system: installed, used by an ordinary user, removed.
 
-Needs root, for the clean system. Where that cannot be made, the test is skipped and says why.
+Needs root, for the clean system. Where the kernel does not let it be made, the test is skipped and
+says why. The first run gets the clean system's packages from where apt does.
 """
 
 import os
