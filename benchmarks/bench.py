@@ -5,7 +5,6 @@ the two resting launchers."""
 
 import argparse
 import shutil
-import signal
 import sys
 from contextlib import ExitStack
 from dataclasses import dataclass
@@ -22,6 +21,7 @@ import runners  # noqa: E402
 import size  # noqa: E402
 import starting  # noqa: E402
 from figures import Progress  # noqa: E402
+from processes import exit_on_signals  # noqa: E402
 
 
 @dataclass
@@ -79,8 +79,7 @@ def main():
     arguments.add_argument("--version", required=True)
     arguments.add_argument("--load", type=float, required=True, help="before anything was built")
     given = arguments.parse_args()
-    for number in (signal.SIGTERM, signal.SIGHUP):  # ends what it started
-        signal.signal(number, lambda number, _: sys.exit(128 + number))
+    exit_on_signals()
     if given.load > 0.5:
         print(f"The machine is busy (load {given.load:.1f}): the figures will show it.")
     progress = Progress(150 if given.quick else 480)

@@ -17,7 +17,7 @@ from Xlib.ext import damage
 
 from desktop import Desktop, Launcher
 from figures import Series, take_turns
-from stage import NGINX, RPC, Bundle, end_services
+from stage import NGINX, RPC, Bundle
 from window import PATIENCE, Watcher, memory, milliseconds, now, press, settle
 
 SETTLED = 0.3  # seconds without output after which a runner has said all it has to say
@@ -91,11 +91,6 @@ class Terminal:
         os.close(self.descriptor)
 
 
-def left_running(bundle):
-    """How many processes of the bundle's services still run; ends them."""
-    return end_services(bundle.root / NGINX, bundle.root / RPC)
-
-
 def line_times(bundle, count, shown):
     """`count` times from the RPC child's write to shown(number), which waits and says when."""
     times = []
@@ -154,7 +149,7 @@ def run_runner(bundle, command, lines):
     finally:
         terminal.end()
     return Run(milliseconds(children.last - before), shown, size, milliseconds(ended - stop),
-               left_running(bundle))
+               bundle.end_services())
 
 
 class Drawings:
@@ -210,7 +205,7 @@ def run_launcher(context, bundle, lines):
             ended = watcher.answer_to_ping(launcher.window)
             screen.release()
             settle(launcher.pid)
-            left = left_running(bundle)
+            left = bundle.end_services()
         finally:
             launcher.end()
     return Run(milliseconds(children.last - before), shown, size, milliseconds(ended - stop), left)

@@ -29,8 +29,8 @@ def pids_of(*programs):
     return found
 
 
-def end_services(*programs):
-    """Ends what a run that was cut short has left; how many there were."""
+def end_all_of(*programs):
+    """Ends the processes that run one of these programs; how many there were."""
     left = pids_of(*programs)
     for pid in left:
         with suppress(ProcessLookupError):
@@ -109,8 +109,12 @@ class Bundle:
         stamps = [child.report("start") for child in self.children]
         return max(stamp for stamp, _ in stamps), stamps[1][1]
 
+    def end_services(self):
+        """Ends the services that still run; how many there were."""
+        return end_all_of(self.root / NGINX, self.root / RPC)
+
     def close(self):
-        end_services(self.root / NGINX, self.root / RPC)
+        self.end_services()
         for child in self.children:
             child.close()
         self._directory.cleanup()
@@ -133,7 +137,7 @@ class SampleBundle:
     def __exit__(self, *_):
         # Beside a run that was cut short there may be an nginx; it is not called after the bundle.
         subprocess.run([self.root / NGINX, "-s", "stop"], stderr=subprocess.DEVNULL, check=False)
-        end_services(self.root / RPC)
+        end_all_of(self.root / RPC)
         self._directory.cleanup()
 
     def forget(self):

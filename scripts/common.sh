@@ -32,7 +32,7 @@ trap 'exit 143' TERM HUP
 # What building the bundle and running it takes. GCC's link-time optimisation runs make.
 build_packages=(g++ cmake make ninja-build qtbase5-dev libcpp-httplib-dev nlohmann-json3-dev
     pkgconf librsvg2-bin icnsutils nginx)
-# shellcheck disable=SC2034
+# shellcheck disable=SC2034 # likewise
 # What showing it without a display takes: a virtual X server, a browser, and what drives both.
 demo_packages=(xvfb fonts-dejavu-core chromium chromium-driver
     python3 python3-pil python3-psutil python3-selenium python3-xlib)

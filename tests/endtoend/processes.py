@@ -2,7 +2,9 @@
 
 import ctypes
 import os
+import signal
 import subprocess
+import sys
 from pathlib import Path
 
 import psutil
@@ -69,6 +71,12 @@ def processes_below(directory):
     """The running processes that lies_below() the directory."""
     return [process for process in existing(
         pid for pid in psutil.pids() if lies_below(directory, pid)) if running(process)]
+
+
+def exit_on_signals():
+    """From now on SIGTERM and SIGHUP leave by way of sys.exit(), which ends what was started."""
+    for ended_by in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(ended_by, lambda number, _: sys.exit(128 + number))
 
 
 def end(process, seconds=5):

@@ -7,7 +7,6 @@ each cycle left the designed number of descriptors, and nothing was left running
 """
 
 import resource
-import signal
 import subprocess
 import sys
 import tempfile
@@ -19,6 +18,7 @@ from Xlib.error import XError
 from browser import SITE_PORT, site_answers
 from desktop import Desktop, Launcher, port_open, wait_for
 from launchertest import LAUNCHER, copy_real_bundle
+from processes import exit_on_signals
 from throwaway import Bundle
 
 DESCRIPTORS = 4  # a cycle: two deploys of two services leave the read ends of their pipes open
@@ -186,8 +186,7 @@ def main():
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     many = MANY_DESCRIPTORS if hard == resource.RLIM_INFINITY else min(hard, MANY_DESCRIPTORS)
     resource.setrlimit(resource.RLIMIT_NOFILE, (many, hard))
-    for number in (signal.SIGTERM, signal.SIGHUP):  # ends what it started
-        signal.signal(number, lambda number, _: sys.exit(128 + number))
+    exit_on_signals()
     good = True
     for kind in kinds:
         with tempfile.TemporaryDirectory(prefix="orvane-soak-") as directory:

@@ -363,7 +363,7 @@ void MyProgressStopTest::cancelledReadersLeaveNoLockBehind()
             }
         };
         constexpr int stops = 3000;
-        SystemCalls::changePauses(20);
+        SystemCalls::changePauses(20); // microseconds
         Busy fed;
         fed.endOfFile();
         for (int i = 0; i < stops; ++i) {

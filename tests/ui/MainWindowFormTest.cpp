@@ -270,18 +270,22 @@ private slots:
         QCOMPARE(found, expected);
     }
 
+    void theTitleIsLargeInAnOtherwiseDefaultFont_data()
+    {
+        QTest::addColumn<QFont>("expected");
+        QTest::newRow("bold and slanted") << QFont("Monospace", 7, QFont::Bold, true);
+        QTest::newRow("plain") << QFont("Serif", 7);
+    }
+
     void theTitleIsLargeInAnOtherwiseDefaultFont()
     {
+        QFETCH(QFont, expected);
         const QFont usual = QApplication::font();
-        for (QFont expected : {QFont("Monospace", 7, QFont::Bold, true), QFont("Serif", 7)}) {
-            cleanup();
-            init();
-            QApplication::setFont(expected);
-            form->setupUi(window.get());
-            QApplication::setFont(usual);
-            expected.setPointSize(15);
-            QCOMPARE(element<QLabel>("label")->font().toString(), expected.toString());
-        }
+        QApplication::setFont(expected);
+        form->setupUi(window.get());
+        QApplication::setFont(usual);
+        expected.setPointSize(15);
+        QCOMPARE(element<QLabel>("label")->font().toString(), expected.toString());
     }
 
     void onlyTheDirectionsWrap()
