@@ -166,10 +166,13 @@ void MyProgress::createProgress(std::string path, std::string command)
 void MyProgress::runChild(const std::string &path, const std::string &command)
 {
     close(pipeFds[0]);
+    // A terminal's output is flushed at every line break. Here the next line has to stay in the
+    // buffer: an exec that succeeds drops it, and exit() sends it into the pipe.
+    if (isatty(STDOUT_FILENO) == 1) {
+        std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+    }
     dup2(pipeFds[1], STDOUT_FILENO);
     dup2(pipeFds[1], STDERR_FILENO);
-    // Buffered unless the launcher writes to a terminal: an exec that succeeds drops this line, and
-    // exit() sends it into the pipe.
     std::puts("Child progress ready");
     if (command.empty()) {
         // Neither arguments nor environment, not even a program name. glibc's execle() cannot say

@@ -3,8 +3,10 @@
 
 #include <QTest>
 
+#include <array>
 #include <cstdio>
 #include <pthread.h>
+#include <pty.h>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -59,7 +61,8 @@ private slots:
     void failedStartFlushesTheLaunchersLinesIntoThePipe_data();
     void failedStartFlushesTheLaunchersLinesIntoThePipe();
     void flushedLinesAreNotRepeatedInThePipe();
-    void onATerminalTheChildsLineReachesThePipe();
+    void onATerminalTheChildsLineStaysOutOfThePipe_data();
+    void onATerminalTheChildsLineStaysOutOfThePipe();
     void exitHandlersOfTheLauncherStayOutOfTheChild();
 };
 
@@ -253,15 +256,31 @@ void MyProgressOutputTest::flushedLinesAreNotRepeatedInThePipe()
              QByteArray("Pipe ready\nChild progress ready\nchild progress loaded fail\n"));
 }
 
-void MyProgressOutputTest::onATerminalTheChildsLineReachesThePipe()
+void MyProgressOutputTest::onATerminalTheChildsLineStaysOutOfThePipe_data()
 {
-    const QByteArray output = outputOf([] {
-        std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // as the C library does on a terminal
+    QTest::addColumn<QByteArray>("command");
+    QTest::addColumn<QByteArray>("inThePipe");
+    QTest::newRow("started") << QByteArray("echo hello") << QByteArray("hello\n");
+    QTest::newRow("failed") << QByteArray()
+                            << QByteArray("Child progress ready\nchild progress loaded fail\n");
+}
+
+void MyProgressOutputTest::onATerminalTheChildsLineStaysOutOfThePipe()
+{
+    QFETCH(QByteArray, command);
+    QFETCH(QByteArray, inThePipe);
+    const QByteArray output = outputOf([&] {
+        int terminal = -1;
+        std::array<char, 64> name{};
+        if (openpty(&terminal, &terminal, name.data(), nullptr, nullptr) != 0 ||
+            std::freopen(name.data(), "w", stdout) == nullptr) {
+            _exit(1);
+        }
         Recorder runner;
-        runner.createProgress("", "echo hello");
-        std::printf("|%s|", wholeOutput(runner).constData());
+        runner.createProgress("/etc/passwd", command.toStdString());
+        std::fprintf(stderr, "|%s|", wholeOutput(runner).constData());
     });
-    QCOMPARE(output.split('|').value(1), QByteArray("Child progress ready\nhello\n"));
+    QCOMPARE(output.split('|').value(1), inThePipe);
 }
 
 void MyProgressOutputTest::exitHandlersOfTheLauncherStayOutOfTheChild()
