@@ -13,8 +13,8 @@ void Nginx::insertMsg(std::string msg)
 void Nginx::setUi(NginxQListView *v)
 {
     view = v;
-    const std::string path = basePath + "/nginx/sbin/nginx";
-    const std::string command = "cd " + basePath + "/nginx && sbin/nginx";
+    const std::string path = getBasePath() + "/nginx/sbin/nginx";
+    const std::string command = "cd " + getBasePath() + "/nginx && sbin/nginx";
     insertMsg(path);
     makeProgress(path, command);
     launchRequest();
@@ -25,7 +25,7 @@ void Nginx::abolish()
     if (!getStatus()) {
         return;
     }
-    const std::string command = "cd " + basePath + "/nginx && sbin/nginx -s stop";
+    const std::string command = "cd " + getBasePath() + "/nginx && sbin/nginx -s stop";
     // Whatever the stop command answers, the destructor's kill comes next.
     // NOLINTNEXTLINE(cert-env33-c,concurrency-mt-unsafe): the command is the bundle's own
     [[maybe_unused]] const int status = std::system(command.c_str());

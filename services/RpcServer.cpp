@@ -11,7 +11,7 @@ void RpcServer::insertMsg(std::string msg)
 void RpcServer::setUi(RpcQListView *v)
 {
     view = v;
-    const std::string path = basePath + "/rpcServer/MacOs/rpcServer"; // the lower-case s is meant
+    const std::string path = getBasePath() + "/rpcServer/MacOs/rpcServer"; // mind the small s
     insertMsg(path);
     makeProgress(path, "");
     launchRequest();
