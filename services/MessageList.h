@@ -12,12 +12,20 @@ void showMessage(const std::string &msg, QStringList &messages, View *view)
     if (msg.empty()) {
         return;
     }
-    messages.append(QString::fromStdString(msg));
+    const QString text = QString::fromStdString(msg);
     if (view == nullptr) {
+        messages.append(text);
         return;
     }
+    // The GUI thread may release the controller's list at any instruction of the reader's sink, and
+    // must not free what is used here. So the rows grow in a list of their own, and the one that
+    // the swap takes out of the controller, which the model before shares, is never released.
+    auto *rows = new QStringList(messages);
+    rows->append(text);
     // A new model for every message is how the view is refreshed. No model is ever deleted: the
     // view may still be painting the one before on the GUI thread.
-    view->setModel(new QStringListModel(messages));
+    auto *model = new QStringListModel(*rows);
+    messages.swap(*rows);
+    view->setModel(model);
     view->emitUpdate();
 }
