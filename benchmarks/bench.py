@@ -11,7 +11,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parent.parent
-sys.path.append(str(PROJECT / "tests/endtoend"))
+sys.path[:0] = [str(PROJECT), str(PROJECT / "drive")]
 
 import inside  # noqa: E402
 import pressing  # noqa: E402

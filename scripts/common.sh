@@ -35,7 +35,7 @@ build_packages=(g++ cmake make ninja-build qtbase5-dev libcpp-httplib-dev nlohma
 # shellcheck disable=SC2034 # likewise
 # What showing it without a display takes: a virtual X server, a browser, and what drives both.
 demo_packages=(xvfb fonts-dejavu-core chromium chromium-driver
-    python3 python3-pil python3-psutil python3-selenium python3-xlib)
+    iproute2 python3 python3-pil python3-psutil python3-selenium python3-xlib)
 brew_packages=(cmake ninja qt@5 cpp-httplib nlohmann-json pkgconf librsvg nginx)
 
 as_root() {

@@ -11,8 +11,8 @@ from pathlib import Path
 
 import psutil
 
-from desktop import port_open, wait_for
-from processes import GONE, processes_below
+from drive.bundle import port_open
+from drive.processes import GONE, processes_below, wait_for
 
 PORT = 4200
 SHIPPED = Path(os.environ["ORVANE_NGINX"])

@@ -5,7 +5,7 @@ import signal
 import subprocess
 import unittest
 
-from browser import Browser
+from drive.browser import Browser
 from bundle import BundleTest, wait_for
 
 PROGRAM = os.environ["ORVANE_RPC_SERVER"]

@@ -12,7 +12,7 @@ import unittest
 
 import psutil
 
-from desktop import wait_for
+from drive.processes import wait_for
 
 PROGRAM = os.environ["ORVANE_RPC_SERVER"]
 PORT = 4201

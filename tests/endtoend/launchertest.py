@@ -1,7 +1,6 @@
 """What the end-to-end tests share: a desktop of its own for each test, bundles and launchers."""
 
 import os
-import shutil
 import subprocess
 import tempfile
 import unittest
@@ -9,15 +8,11 @@ from pathlib import Path
 
 from PIL import Image
 
-from desktop import Desktop, Launcher, wait_for
-from processes import existing, running
-from throwaway import Bundle
+from drive.bundle import Bundle, ThrowAway
+from drive.desktop import Desktop, Launcher
+from drive.processes import wait_for
 
 LAUNCHER = Path(os.environ["ORVANE_LAUNCHER"])
-
-
-def runs(pid):
-    return any(map(running, existing([pid])))
 
 
 def soon(condition):
@@ -30,11 +25,7 @@ def soon(condition):
 
 def copy_real_bundle(directory):
     """Copies the bundle with the real services; returns the launcher's program in the copy."""
-    built = LAUNCHER.parents[2]
-    copy = Path(directory) / built.name
-    shutil.copytree(built, copy,  # without what the built one's nginx wrote, should it run
-                    ignore=lambda where, _: ["run"] if Path(where).name == "nginx" else [])
-    return copy / LAUNCHER.relative_to(built)
+    return Bundle.copy_of(LAUNCHER.parents[2], directory).program
 
 
 class LauncherTest(unittest.TestCase):
@@ -47,14 +38,15 @@ class LauncherTest(unittest.TestCase):
         self.directory = Path(self.enterContext(tempfile.TemporaryDirectory(prefix="orvane-test-")))
 
     def bundle(self, **services):
-        return Bundle(LAUNCHER, self.directory, **services)
+        return ThrowAway(self.directory, LAUNCHER, **services)
 
     def real_bundle(self):
         return copy_real_bundle(self.directory)
 
     def launch(self, program, options=(), **how):
         # Not in the bundle's directory: the launcher must not depend on where it was started.
-        return self.enterContext(Launcher(self.desktop, program, options, cwd="/", **how))
+        return self.enterContext(Launcher(self.desktop, program, options, cwd="/",
+                                          landmarks=os.environ["ORVANE_LANDMARKS"], **how))
 
     def deploy(self, launcher, bundle):
         """Clicks on deploy and waits until both services of the throw-away bundle have started."""

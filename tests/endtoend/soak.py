@@ -6,6 +6,7 @@ ORVANE_LAUNCHER and ORVANE_LANDMARKS name the programs. Exits with 0 if the laun
 each cycle left the designed number of descriptors, and nothing was left running.
 """
 
+import os
 import resource
 import subprocess
 import sys
@@ -14,12 +15,11 @@ import time
 from pathlib import Path
 
 from Xlib.error import XError
-
-from browser import SITE_PORT, site_answers
-from desktop import Desktop, Launcher, port_open, wait_for
+from drive.bundle import ThrowAway, SITE_PORT, port_open, site_answers
+from drive.desktop import Desktop, Launcher
+from drive.processes import exit_on_signals, wait_for
 from launchertest import LAUNCHER, copy_real_bundle
-from processes import exit_on_signals
-from throwaway import Bundle
+
 
 DESCRIPTORS = 4  # a cycle: two deploys of two services leave the read ends of their pipes open
 REPORT_EVERY = 50  # cycles, where there is no terminal
@@ -29,7 +29,7 @@ FLOOD = "exec yes 'a line of output that a service writes as fast as the launche
 
 
 def chatty_bundle(directory):
-    return Bundle(LAUNCHER, directory, nginx=FLOOD, rpc=FLOOD, stop="").program
+    return ThrowAway(directory, LAUNCHER, nginx=FLOOD, rpc=FLOOD, stop="").program
 
 
 def children(pid):
@@ -128,7 +128,8 @@ class Run:
         """Up to so many cycles; returns how many there were."""
         self.figures.clear()
         done = 0
-        with Launcher(desktop, self.program, cwd="/") as self.launcher:
+        with Launcher(desktop, self.program, cwd="/",
+                      landmarks=os.environ["ORVANE_LANDMARKS"]) as self.launcher:
             try:
                 while done < cycles:
                     done += 1

@@ -6,10 +6,10 @@ import shutil
 import subprocess
 import unittest
 from pathlib import Path
-
-from browser import SITE_PORT
-from desktop import port_open, wait_for
+from drive.bundle import SITE_PORT, port_open
+from drive.processes import wait_for
 from launchertest import LauncherTest
+
 
 PROJECT = Path(__file__).resolve().parents[2]
 RPC_PORT = 4201

@@ -1,9 +1,9 @@
 """What the mouse and the keyboard set off on the two buttons."""
 
 import unittest
-
-from desktop import wait_for
+from drive.processes import wait_for
 from launchertest import LauncherTest
+
 
 
 class Buttons(LauncherTest):

@@ -3,10 +3,10 @@
 import os
 import unittest
 from pathlib import Path
+from drive.bundle import NOTE_WHO_RUNS
+from drive.processes import runs, wait_for
+from launchertest import LauncherTest
 
-from desktop import wait_for
-from launchertest import LauncherTest, runs
-from throwaway import NOTE_WHO_RUNS
 
 
 def open_files(pid):

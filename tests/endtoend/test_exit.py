@@ -2,10 +2,10 @@
 
 import signal
 import unittest
+from drive.bundle import NOTE_WHO_RUNS
+from drive.processes import runs, wait_for
+from launchertest import LauncherTest
 
-from desktop import wait_for
-from launchertest import LauncherTest, runs
-from throwaway import NOTE_WHO_RUNS
 
 
 class Exit(LauncherTest):

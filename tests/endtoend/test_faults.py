@@ -3,10 +3,10 @@
 import socket
 import subprocess
 import unittest
-
-from browser import SITE_PORT
-from desktop import port_open, wait_for
+from drive.bundle import SITE_PORT, port_open
+from drive.processes import wait_for
 from launchertest import LauncherTest
+
 
 RPC_PORT = 4201
 HIDE_NGINX = ["unshare", "--mount", "sh", "-c",

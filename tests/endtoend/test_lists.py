@@ -1,9 +1,9 @@
 """What the two lists show on the screen, to the pixel."""
 
 import unittest
-
-from desktop import wait_for
+from drive.processes import wait_for
 from launchertest import LauncherTest
+
 
 TALK = 'echo "{}"; exec sleep infinity'
 NO_SERVICE = "File not found"

@@ -6,10 +6,10 @@ import subprocess
 import threading
 import tty
 import unittest
-
-from desktop import wait_for
+from drive.bundle import STAY
+from drive.processes import wait_for
 from launchertest import LauncherTest
-from throwaway import STAY
+
 
 STARTED = "Pipe ready\npid:N\nMain progress ready\n"
 STOPPED = "Progress stopped"  # without a line break

@@ -1,10 +1,11 @@
 """The sample page in a real browser, as the directions on the first tab describe it."""
 
 import unittest
-
-from browser import Browser, site_answers
-from desktop import wait_for
+from drive.browser import Browser
+from drive.bundle import site_answers
+from drive.processes import wait_for
 from launchertest import LauncherTest
+
 
 
 class Page(LauncherTest):

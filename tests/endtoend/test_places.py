@@ -4,9 +4,9 @@ import os
 import shutil
 import signal
 import unittest
-
-from desktop import wait_for
+from drive.processes import wait_for
 from launchertest import LAUNCHER, LauncherTest
+
 
 
 def contents(directory):

@@ -1,10 +1,10 @@
 """The launcher with the bundle's real nginx and RPC server."""
 
 import unittest
-
-from browser import SITE_PORT, site_answers
-from desktop import port_open, wait_for
+from drive.bundle import SITE_PORT, port_open, site_answers
+from drive.processes import wait_for
 from launchertest import LauncherTest
+
 
 RPC_PORT = 4201
 CYCLES = 10

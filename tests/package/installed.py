@@ -167,7 +167,7 @@ def main():
     # The network is there while the clean system is made, and gone while the package is tried.
     subprocess.run([*NAMESPACES, *python, str(here / "clean_root.py")], check=True)
     os.environ["ORVANE_CLEAN_ROOT"] = "made"
-    isolated = str(PROJECT / "tests/support/isolated")
+    isolated = str(PROJECT / "drive/isolated")
     os.execv(isolated, [isolated, *NAMESPACES, *python, __file__, *sys.argv[1:]])
 
 

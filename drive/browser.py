@@ -1,6 +1,5 @@
 """A real browser (Chromium, without a window) that looks at the sample page."""
 
-import http.client
 import os
 import tempfile
 
@@ -8,11 +7,9 @@ from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 
-from desktop import wait_for
-from processes import GONE, adopt_orphans, descendants, existing, running
+from drive.bundle import SITE
+from drive.processes import GONE, adopt_orphans, descendants, existing, running, wait_for
 
-SITE_PORT = 4200
-SITE = f"http://localhost:{SITE_PORT}/"
 FLAGS = ["--headless=new", "--disable-gpu", "--disable-quic", "--no-first-run", "--no-proxy-server",
          "--disable-background-networking", "--disable-component-update", "--disable-sync",
          "--disable-dev-shm-usage", "--window-size=1000,800",
@@ -20,20 +17,11 @@ FLAGS = ["--headless=new", "--disable-gpu", "--disable-quic", "--no-first-run", 
          "--no-sandbox"]
 
 
-def site_answers():
-    """Whether the site's first page is served."""
-    connection = http.client.HTTPConnection("localhost", SITE_PORT, timeout=5)
-    try:
-        connection.request("GET", "/")
-        return connection.getresponse().status == http.client.OK
-    except (OSError, http.client.HTTPException):
-        return False
-    finally:
-        connection.close()
-
-
 class Browser:
-    """Chromium with a fresh profile, through its driver."""
+    """Chromium with a fresh profile, through its driver.
+
+    Raises selenium.common.WebDriverException: no browser, no answer, no such element.
+    """
 
     def __init__(self):
         adopt_orphans()
@@ -62,6 +50,7 @@ class Browser:
         self.end()
 
     def visit(self, address=SITE):
+        """Loads the page at this address."""
         self._driver.get(address)
 
     def click(self, name):
@@ -69,17 +58,19 @@ class Browser:
         self._driver.find_element(By.ID, name).click()
 
     def text(self, name):
+        """Returns the text of the element with this id."""
         return self._driver.find_element(By.ID, name).text
 
     def dps(self):
-        """The number of frames a second that the page shows."""
+        """Returns the number of frames a second that the page shows."""
         return float(self.text("dps"))
 
     def run(self, script):
-        """What the script, a function's body in the page, returns."""
+        """Returns what the script, a function's body in the page, returns."""
         return self._driver.execute_script(script)
 
     def picture(self, path):
+        """Writes what the page looks like to this file."""
         self._driver.save_screenshot(str(path))
 
     def _processes(self):
@@ -94,6 +85,7 @@ class Browser:
         return [p for p in existing(descendants(os.getpid())) if running(p) and ours(p)]
 
     def end(self):
+        """Ends the browser and all of its processes."""
         try:
             if self._driver:
                 self._driver.quit()

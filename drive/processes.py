@@ -1,19 +1,31 @@
-"""Which processes there are, and how to end one (Linux)."""
+"""Waiting for what is to happen, and which processes there are (Linux)."""
 
 import ctypes
 import os
 import signal
 import subprocess
 import sys
+import time
 from pathlib import Path
 
 import psutil
 
+PATIENCE = 20  # seconds until a condition that does not come true is a failure
 GONE = (psutil.NoSuchProcess, psutil.AccessDenied, psutil.ZombieProcess)
 
 
+def wait_for(what, condition, seconds=PATIENCE):
+    """Returns the first true value of condition(). Raises TimeoutError: `what` did not happen."""
+    deadline = time.monotonic() + seconds
+    while not (value := condition()):
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"not within {seconds} s: {what}")
+        time.sleep(0.01)
+    return value
+
+
 def running(process):
-    """A child that nobody has waited for (a zombie) does not count."""
+    """Returns whether it runs. A child that nobody has waited for (a zombie) does not."""
     try:
         return process.status() != psutil.STATUS_ZOMBIE
     except GONE:
@@ -21,7 +33,7 @@ def running(process):
 
 
 def existing(pids):
-    """The processes (psutil.Process) of those that have not gone meanwhile."""
+    """Returns the processes (psutil.Process) of those that have not gone meanwhile."""
     processes = []
     for pid in pids:
         try:
@@ -31,6 +43,11 @@ def existing(pids):
     return processes
 
 
+def runs(pid):
+    """Returns whether there is a running process of this id."""
+    return any(map(running, existing([pid])))
+
+
 def adopt_orphans():
     """Makes this process the parent of every descendant whose own parent has ended."""
     set_child_subreaper = 36
@@ -38,7 +55,7 @@ def adopt_orphans():
 
 
 def descendants(pid):
-    """The process ids of all below this one."""
+    """Returns the process ids of all below this one."""
     found = []
     for children in Path(f"/proc/{pid}/task").glob("*/children"):  # of each of its threads
         try:
@@ -49,6 +66,7 @@ def descendants(pid):
 
 
 def session(pid):
+    """Returns the id of its session, or None when it has gone."""
     try:
         return os.getsid(pid)
     except ProcessLookupError:
@@ -56,7 +74,7 @@ def session(pid):
 
 
 def lies_below(directory, pid):
-    """Whether its program (or its script) or its working directory lies below `directory`."""
+    """Returns whether its program (or its script) or its working directory lies below this one."""
     below = os.path.realpath(directory) + "/"
     try:
         # A zombie has neither link; asked here first, since there may be thousands.
@@ -68,13 +86,13 @@ def lies_below(directory, pid):
 
 
 def processes_below(directory):
-    """The running processes that lies_below() the directory."""
+    """Returns the running processes (psutil.Process) that lies_below() the directory."""
     return [process for process in existing(
         pid for pid in psutil.pids() if lies_below(directory, pid)) if running(process)]
 
 
 def exit_on_signals():
-    """From now on SIGTERM and SIGHUP leave by way of sys.exit(), which ends what was started."""
+    """From now on SIGTERM and SIGHUP raise SystemExit, which ends what was started."""
     for ended_by in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(ended_by, lambda number, _: sys.exit(128 + number))
 

@@ -1,14 +1,9 @@
-"""Drives the launcher from outside: a virtual X server, a real window, real clicks.
-
-Nothing here knows the launcher's code. Everything that is started is ended by its process id when
-its `with` block is left, on failure and on Ctrl-C too.
-"""
+"""A virtual X server, the launcher in its real window there, and real clicks."""
 
 import json
 import os
 import resource
 import signal
-import socket
 import subprocess
 import tempfile
 import time
@@ -20,32 +15,20 @@ from Xlib import X, XK, Xatom, display, error
 from Xlib.ext import xtest
 from Xlib.protocol import event
 
-from processes import (GONE, adopt_orphans, descendants, end, existing, lies_below, running,
-                       session)
+from drive.bundle import RPC_PORT, SITE, SITE_PORT, port_open, site_answers
+from drive.processes import (GONE, PATIENCE, adopt_orphans, descendants, end, existing, lies_below,
+                             running, session, wait_for)
 
-PATIENCE = 30  # seconds until a condition that does not come true is a failure
 FIRST_DISPLAY = 100  # far above the numbers that real desktops take
 WINDOW_TITLE = "MainWindow"
 TABS = ("directions", "rpc", "nginx")
 
 
-def wait_for(what, condition, seconds=PATIENCE):
-    """Returns the first true value of condition(); TimeoutError says `what` did not happen."""
-    deadline = time.monotonic() + seconds
-    while not (value := condition()):
-        if time.monotonic() > deadline:
-            raise TimeoutError(f"not within {seconds} s: {what}")
-        time.sleep(0.01)
-    return value
-
-
-def port_open(port, host="127.0.0.1"):
-    with socket.socket() as probe:
-        return probe.connect_ex((host, port)) == 0
-
-
 class Desktop:
-    """A virtual X server, with the mouse and the keyboard of whoever sits in front of it."""
+    """A virtual X server, with the mouse and the keyboard of whoever sits in front of it.
+
+    Raises RuntimeError when none starts.
+    """
 
     def __init__(self, width=1024, height=768):
         self.server, self.name = self._start_server(f"{width}x{height}x24")
@@ -87,37 +70,43 @@ class Desktop:
         self.close()
 
     def close(self):
+        """Ends the X server."""
         self.display.close()
         end(self.server)
 
     @property
     def environment(self):
+        """The environment variables of a program that is to show itself here."""
         return {**os.environ, "DISPLAY": self.name, "QT_QPA_PLATFORM": "xcb"}
 
     def move(self, x, y):
+        """Puts the mouse pointer there."""
         xtest.fake_input(self.display, X.MotionNotify, x=x, y=y)
         self.display.sync()
 
     def press(self, button=1):
+        """Presses this button of the mouse, where it points."""
         xtest.fake_input(self.display, X.ButtonPress, button)
         self.display.sync()
 
     def release(self, button=1):
+        """Releases it."""
         xtest.fake_input(self.display, X.ButtonRelease, button)
         self.display.sync()
 
     def key(self, name):
+        """Presses and releases the key of this name."""
         code = self.display.keysym_to_keycode(XK.string_to_keysym(name))
         xtest.fake_input(self.display, X.KeyPress, code)
         xtest.fake_input(self.display, X.KeyRelease, code)
         self.display.sync()
 
     def picture(self, box=None):
-        """What the screen shows (left, top, right, bottom), as a PIL image."""
+        """Returns what the screen shows (left, top, right, bottom), as a PIL image."""
         return ImageGrab.grab(bbox=box, xdisplay=self.name)
 
     def find_window(self, pid):
-        """The launcher's window on the screen, or None."""
+        """Returns the launcher's window on the screen, or None."""
         owner = self.display.intern_atom("_NET_WM_PID")
         waiting = [self.root]
         while waiting:
@@ -134,10 +123,12 @@ class Desktop:
 
 
 class Launcher:
-    """The launcher in its window on a desktop. `options` are its own, for the toolkit; `within` is a
-    command that it is started by and that becomes it.
+    """The launcher in its window on a desktop. `options` are its own, for the toolkit; `landmarks`
+    is the program that tells where its widgets lie, beside the bundle if it is not given; `within`
+    is a command that it is started by and that becomes it.
 
     Its standard output and error go into files (`output`, `errors`), unless `stdout` says else.
+    Raises RuntimeError when it ends at once, TimeoutError when no window comes.
     """
 
     def __init__(self, desktop, program, options=(), cwd=None, stdout=None, landmarks=None,
@@ -152,9 +143,9 @@ class Launcher:
         self.landmarks = self._find_landmarks(landmarks, options)
         with open(self._output, "wb") as output, open(self._errors, "wb") as errors:
             self.process = subprocess.Popen(
-                [*within, self.program, *options], cwd=cwd, env=self.environment, stdout=stdout or output,
-                stderr=errors, stdin=subprocess.DEVNULL, start_new_session=True,
-                preexec_fn=self._as_from_a_menu)
+                [*within, self.program, *options], cwd=cwd, env=self.environment,
+                stdout=stdout or output, stderr=errors, stdin=subprocess.DEVNULL,
+                start_new_session=True, preexec_fn=self._as_from_a_menu)
         try:
             self.window = wait_for("the launcher's window", self._window_or_exit)
             self._check_size()
@@ -169,8 +160,7 @@ class Launcher:
             signal.signal(number, signal.SIG_DFL)
 
     def _find_landmarks(self, program, options):
-        program = program or os.environ.get("ORVANE_LANDMARKS") or (
-            Path(self.program).parents[3] / "landmarks")  # beside the bundle
+        program = program or Path(self.program).parents[3] / "landmarks"
         found = subprocess.run([program, *options], env=self.environment, check=True,
                                stdout=subprocess.PIPE, timeout=PATIENCE)
         return json.loads(found.stdout)
@@ -195,14 +185,17 @@ class Launcher:
 
     @property
     def pid(self):
+        """Its process id."""
         return self.process.pid
 
     @property
     def output(self):
+        """What it has written to its standard output."""
         return self._output.read_text(errors="replace")
 
     @property
     def errors(self):
+        """What it has written to its standard error."""
         return self._errors.read_text(errors="replace")
 
     @property
@@ -216,19 +209,23 @@ class Launcher:
         return -place.x, -place.y
 
     def point_at(self, landmark):
+        """Puts the mouse pointer in the middle of a widget."""
         left, top = self._corner()
         x, y = self.landmarks[landmark]
         self.desktop.move(left + x, top + y)
 
     def press(self, landmark, button=1):
+        """Presses a button of the mouse there, and holds it."""
         self.point_at(landmark)
         self.desktop.press(button)
 
     def click(self, landmark, button=1):
+        """Presses a button of the mouse there and releases it."""
         self.press(landmark, button)
         self.desktop.release(button)
 
     def double_click(self, landmark):
+        """Clicks twice, as fast as it goes."""
         self.click(landmark)
         self.click(landmark)
 
@@ -238,7 +235,7 @@ class Launcher:
         self.desktop.display.sync()
 
     def picture(self, landmark=None):
-        """The window as the screen shows it, or one of its rectangular landmarks."""
+        """Returns the window as the screen shows it, or one of its rectangular landmarks."""
         left, top = self._corner()
         x, y, width, height = self.landmarks[landmark] if landmark else (
             0, 0, *self.landmarks["window"])
@@ -253,15 +250,17 @@ class Launcher:
         self.desktop.display.sync()
 
     def kill(self):
+        """Kills the launcher alone."""
         self.process.kill()
         self.process.wait()
 
     def wait(self, seconds=PATIENCE):
-        """The exit status; a negative number is the signal that ended the launcher."""
+        """Waits for its end. Returns its exit status, or the signal that ended it as a negative
+        number; raises subprocess.TimeoutExpired."""
         return self.process.wait(seconds)
 
     def started(self):
-        """Every running process that the launcher started, and theirs."""
+        """Returns the running processes (psutil.Process) that it has started, and theirs."""
         # A daemon leaves the session; it stays a descendant of this process and in the bundle.
         daemons = [pid for pid in descendants(os.getpid()) if pid != self.pid]
         others = [pid for pid in psutil.pids() if pid != self.pid and session(pid) == self.pid]
@@ -281,3 +280,30 @@ class Launcher:
                 except GONE:
                     pass
         self._scratch.cleanup()
+
+
+def use(launcher, look=lambda: None, step=lambda name: None):
+    """One session of a user: deploys, calls look(), stops and closes the window.
+
+    Calls step() before each step, with its name. Raises RuntimeError, TimeoutError or
+    subprocess.TimeoutExpired when something does not happen as it should.
+    """
+    step("click on deploy, and wait until the services answer")
+    if port_open(SITE_PORT) or port_open(RPC_PORT):
+        raise RuntimeError("a port of the services is taken by another program")
+    launcher.click("deploy")
+    wait_for(f"an answer from {SITE}", site_answers)
+    wait_for("the RPC server", lambda: port_open(RPC_PORT))
+    if not launcher.started():
+        raise RuntimeError("the services are no children of the launcher")
+    look()
+    step("click on stop, and wait until the services have ended")
+    launcher.click("stop")
+    wait_for("the end of the services", lambda: not launcher.started())
+    wait_for("closed ports", lambda: not (port_open(SITE_PORT) or port_open(RPC_PORT)))
+    step("close the window")
+    launcher.close()
+    if status := launcher.wait():
+        raise RuntimeError(f"the launcher's exit status is {status}")
+    if left := launcher.started():
+        raise RuntimeError(f"left running: {left}")

@@ -1,0 +1,259 @@
+"""Stages bundles, and talks with the services in them.
+
+    Bundle.copy_of(built, directory)   the bundle that was built, with its real services
+    ThrowAway(directory, launcher)     scripts as services, which write down what happens to them
+    Nginx(directory, shipped)          the shipped nginx alone, as one user starts and stops it
+"""
+
+import http.client
+import os
+import shutil
+import socket
+import subprocess
+import tempfile
+from pathlib import Path
+
+import psutil
+
+from drive.processes import GONE, processes_below, wait_for
+
+SITE_PORT = 4200
+RPC_PORT = 4201
+SITE = f"http://localhost:{SITE_PORT}/"
+
+
+def port_open(port, host="127.0.0.1"):
+    """Returns whether somebody listens there."""
+    with socket.socket() as probe:
+        return probe.connect_ex((host, port)) == 0
+
+
+def ask(path="/", body=None, method=None, port=SITE_PORT, host="localhost", headers=None):
+    """Returns the status and the text of the answer: to a GET, or with a body to a POST.
+
+    Raises OSError or http.client.HTTPException when there is none.
+    """
+    connection = http.client.HTTPConnection(host, port, timeout=10)
+    try:
+        connection.request(method or ("GET" if body is None else "POST"), path, body, headers or {})
+        answer = connection.getresponse()
+        return answer.status, answer.read().decode()
+    finally:
+        connection.close()
+
+
+def site_answers():
+    """Returns whether the site's first page is served."""
+    try:
+        return ask()[0] == http.client.OK
+    except (OSError, http.client.HTTPException):
+        return False
+
+
+class Bundle:
+    """An orvane.app below `directory`, as far as it is staged. Nobody's `run` directory is.
+
+    `launcher` is a program that is copied; so are `nginx`, a directory, and `rpc`. As a string,
+    `nginx` and `rpc` are the script that stands there. None leaves a part out.
+    """
+
+    def __init__(self, directory, launcher=None, nginx=None, rpc=None):
+        self.path = Path(directory) / "orvane.app"
+        self.program = self.path / "Contents/MacOS" / (Path(launcher).name if launcher else "orvane")
+        self.nginx = self.path / "nginx/sbin/nginx"
+        self.rpc = self.path / "rpcServer/MacOs/rpcServer"
+        for source, target in ((launcher, self.program), (nginx, self.nginx), (rpc, self.rpc)):
+            if isinstance(source, str):
+                target.parent.mkdir(parents=True)
+                target.write_text(source)
+                target.chmod(0o755)
+            elif source and source.is_dir():
+                shutil.copytree(source, self.path / "nginx", ignore=shutil.ignore_patterns("run"))
+            elif source:
+                target.parent.mkdir(parents=True)
+                shutil.copy2(source, target)
+
+    @classmethod
+    def copy_of(cls, built, directory):
+        """Returns a copy of the bundle at `built` with its launcher and its real services."""
+        return cls(directory, built / "Contents/MacOS/orvane", built / "nginx",
+                   built / "rpcServer/MacOs/rpcServer")
+
+
+STAY = "exec sleep infinity"
+NOTE_STOP = 'echo "nginx asked to stop" >>"{journal}"'
+
+# Notes whether the services still run. A killed process may take its time to go.
+NOTE_WHO_RUNS = """
+    runs() {{
+        local pid=$(grep "^$1 started" "{journal}" | tail -n1 | cut -d' ' -f3)
+        [ -e /proc/$pid ] && ! grep -q '^State:.Z' /proc/$pid/status 2>/dev/null
+    }}
+    for _ in {{1..50}}; do runs rpc || break; sleep 0.1; done
+    runs rpc && rpc=runs || rpc=ended
+    runs nginx && nginx=runs || nginx=ended
+    echo "nginx asked to stop: rpc $rpc, nginx $nginx" >>"{journal}"
+"""
+
+THROW_AWAY_NGINX = """#!/bin/bash
+if [ "$*" = "-s stop" ]; then
+{stop}
+    exit
+fi
+echo "nginx started $$" >>"{journal}"
+{nginx}
+"""
+
+THROW_AWAY_RPC = """#!/bin/bash
+echo "rpc started $$" >>"{journal}"
+{rpc}
+"""
+
+
+class ThrowAway(Bundle):
+    """A bundle whose services write down in a journal what happens to them, in order.
+
+    `nginx` and `rpc` are the lines of shell that the services consist of, once they have noted
+    their start; None leaves the program out. `stop` are those of nginx's stop command.
+    """
+
+    def __init__(self, directory, launcher, nginx=STAY, rpc=STAY, stop=NOTE_STOP):
+        self.journal = Path(directory) / "journal"
+        words = {"journal": self.journal, "nginx": nginx, "rpc": rpc,
+                 "stop": stop.format(journal=self.journal)}
+        super().__init__(directory, launcher,
+                         None if nginx is None else THROW_AWAY_NGINX.format(**words),
+                         None if rpc is None else THROW_AWAY_RPC.format(**words))
+
+    def lines(self):
+        """Returns the journal, a line each; a line is complete or not there."""
+        return self.journal.read_text().splitlines() if self.journal.exists() else []
+
+    def events(self):
+        """Returns the journal without process ids, in order."""
+        return [line.rstrip(" 0123456789") for line in self.lines()]
+
+    def pids(self, service):
+        """Returns the process ids of a service ("nginx", "rpc"), one for each of its starts."""
+        return [int(line.split()[2]) for line in self.lines() if line.startswith(f"{service} sta")]
+
+    def deployed(self, times=1):
+        """Returns whether both services have started so often, at least."""
+        return min(len(self.pids("nginx")), len(self.pids("rpc"))) >= times
+
+
+class Nginx:
+    """The nginx of a bundle, started and stopped by one user with the launcher's commands.
+
+    `shipped` is the directory that becomes its own. It is the user's to write in unless `writable`
+    is false. Another user than this one takes root, and a `directory` that it may look into.
+    """
+
+    PLAIN = {"PATH": "/usr/local/bin:/usr/bin:/bin"}  # an environment without a home
+
+    def __init__(self, directory, shipped, user=None, environment=None, writable=True):
+        self.bundle = Bundle(directory, nginx=shipped)
+        self.directory = self.bundle.path / "nginx"
+        self.user = os.getuid() if user is None else user
+        self.environment = self.PLAIN if environment is None else environment
+        self.children = []
+        if writable:
+            os.chown(self.directory, self.user, -1)
+        else:
+            self.directory.chmod(0o555)
+        # A file that nginx may open again as its own user, as it may the launcher's pipe.
+        self.output_file = self.bundle.path / "output"
+        self.output_file.touch()
+        self.output_file.chmod(0o666)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    @property
+    def child(self):
+        """The subprocess.Popen of the last start."""
+        return self.children[-1]
+
+    @property
+    def output(self):
+        """What all children have written so far."""
+        return self.output_file.read_text(encoding="utf-8")
+
+    @property
+    def pid_file(self):
+        """Where nginx notes its process id, when it writes in its own directory."""
+        return self.directory / "run/nginx.pid"
+
+    def _as_user(self):
+        user = {} if os.getuid() else {"user": self.user, "group": self.user, "extra_groups": []}
+        return {"env": self.environment, "stdin": subprocess.DEVNULL,
+                "stderr": subprocess.STDOUT, **user}
+
+    def run(self, *arguments, script="sbin/nginx", cwd=None, before=()):
+        """Runs the script to its end. Returns its exit status and its output."""
+        with tempfile.NamedTemporaryFile(dir=self.bundle.path) as output:
+            os.chmod(output.name, 0o666)
+            done = subprocess.run([*before, script, *arguments], cwd=cwd or self.directory,
+                                  stdout=output, timeout=30, check=False, **self._as_user())
+            return done.returncode, Path(output.name).read_text(encoding="utf-8")
+
+    def start(self, stdout=None, command="cd {} && sbin/nginx"):
+        """The launcher's start command; does not wait."""
+        with open(self.output_file, "ab") as output:
+            self.children.append(subprocess.Popen(
+                ["/bin/bash", "-c", command.format(self.directory)], cwd="/",
+                stdout=stdout or output, **self._as_user()))
+
+    def deploy(self, **how):
+        """Starts it and waits until it serves. Raises ChildProcessError if it ends instead."""
+        self.start(**how)
+        wait_for("nginx serves", lambda: self.serves() or self.child.poll() is not None)
+        if not self.serves():
+            raise ChildProcessError("nginx has ended: " + self.output)
+
+    def addresses(self):
+        """Returns where its processes listen on the site's port."""
+        found = set()
+        for process in self.left():
+            try:
+                found |= {c.laddr.ip for c in process.connections()
+                          if c.status == psutil.CONN_LISTEN and c.laddr.port == SITE_PORT}
+            except GONE:
+                pass
+        return found
+
+    def serves(self):
+        """Returns whether it listens on the site's port."""
+        return bool(self.addresses())
+
+    def stop_command(self):
+        """Runs the launcher's stop command. Returns its exit status and its output."""
+        return self.run("-c", f"cd {self.directory} && sbin/nginx -s stop", script="/bin/sh",
+                        cwd="/")
+
+    def kill(self):
+        """Kills the process of the last start, as the launcher does."""
+        self.child.kill()
+        self.child.wait()
+
+    def stop(self):
+        """What the launcher does: the stop command, then SIGKILL. Returns the command's answer."""
+        answer = self.stop_command()
+        self.kill()
+        return answer
+
+    def left(self):
+        """Returns the running processes (psutil.Process) of this bundle."""
+        return processes_below(self.directory)
+
+    def close(self):
+        """Ends all of its processes."""
+        for child in self.children:
+            child.kill()
+            child.wait()
+        for process in self.left():
+            process.kill()
+        self.directory.chmod(0o755)
