@@ -3,10 +3,25 @@
 
 set -euo pipefail
 
-project=$(CDPATH='' cd -- "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+project=$(CDPATH='' cd -- "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 current_step=start
 policy=/usr/sbin/policy-rc.d
 made_policy=
+
+# refuse line: what is wrong and what to do, said before anything is done.
+refuse() {
+    printf '%s: %s\n' "$0" "$1" >&2
+    trap - EXIT
+    exit 1
+}
+
+# The path stands unquoted in the command that starts nginx.
+unsafe=$' \t\n"\'\\$`&;|<>()*?{'
+case $project in
+*["$unsafe"]*)
+    refuse "$project has a blank or a character of the shell, so nginx cannot start there: move it."
+    ;;
+esac
 
 # Names what comes next; when it fails, the script says so and ends with its status.
 step() {
@@ -29,42 +44,95 @@ trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
 # shellcheck disable=SC2034 # not every script takes every list
-# What building the bundle and running it takes. GCC's link-time optimisation runs make.
+# What building the bundle and its packages and running it takes. GCC's link-time optimisation runs
+# make.
 build_packages=(g++ cmake make ninja-build qtbase5-dev libcpp-httplib-dev nlohmann-json3-dev
-    pkgconf librsvg2-bin icnsutils nginx)
+    pkgconf librsvg2-bin icnsutils nginx dpkg-dev file)
 # shellcheck disable=SC2034 # likewise
 # What showing it without a display takes: a virtual X server, a browser, and what drives both.
 demo_packages=(xvfb fonts-dejavu-core chromium chromium-driver
     iproute2 python3 python3-pil python3-psutil python3-selenium python3-xlib)
 brew_packages=(cmake ninja qt@5 cpp-httplib nlohmann-json pkgconf librsvg nginx)
+oldest_cmake=3.21 # knows the presets
 
 as_root() {
     if [ "$(id -u)" -eq 0 ]; then
         "$@"
-    elif command -v sudo >/dev/null; then
-        sudo "$@"
     else
-        printf 'These packages are missing and sudo is not installed. As root, run:\n' >&2
-        printf '  apt-get install %s\n' "${missing[*]}" >&2
-        return 1
+        sudo "$@"
     fi
 }
 
-# Debian starts a service when its package is installed. The launcher starts nginx by itself and
-# on a port of its own, so while the packages go in, the machine is told to start nothing
-# (invoke-rc.d(8)); a policy that is there already stays.
+apt_get() {
+    as_root env LC_ALL=C DEBIAN_FRONTEND=noninteractive \
+        apt-get -q -o DPkg::Lock::Timeout=600 "$@"
+}
+
+# apt itself waits for the lock of the packages (it says so), but not for the one of their lists.
+apt_update() {
+    local said='' seen
+    until seen=$(apt_get update 2>&1); do
+        case $seen in
+        *'Could not get lock'*) ;;
+        *)
+            printf '%s\n' "$seen" >&2
+            return 1
+            ;;
+        esac
+        [ -n "$said" ] || printf 'Another program is at the packages: waiting until it has ended.\n'
+        said=yes
+        sleep 2
+    done
+}
+
+# Debian starts a service when its package is installed, and again at each boot. The launcher starts
+# nginx by itself and on a port of its own, so while the packages go in, the machine is told to start
+# nothing (invoke-rc.d(8); a policy that is there already stays), and an nginx that came with them
+# stays off.
 apt_install() {
     if [ ! -e "$policy" ]; then
         made_policy=yes
         printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null
         as_root chmod 755 "$policy"
     fi
-    as_root apt-get update -q
-    as_root env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -qy --no-install-recommends "$@"
+    apt_get install -y --no-install-recommends "$@"
     if [ -n "$made_policy" ]; then
         as_root rm -f "$policy"
         made_policy=
+    fi
+    case " $* " in
+    *' nginx '*) as_root update-rc.d nginx disable ;;
+    esac
+}
+
+# The version of a package that is installed or, if none is, that apt would install; or nothing.
+version_of() {
+    LC_ALL=C apt-cache policy "$1" 2>/dev/null |
+        sed -n 's/^  Installed: \([0-9].*\)/\1/p; s/^  Candidate: \([0-9].*\)/\1/p' | head -n 1
+}
+
+# What this release does not have of the packages, in words; CMake is the one whose age matters.
+lacking() {
+    local package
+    if ! dpkg --compare-versions "$(version_of cmake)" ge "$oldest_cmake"; then
+        printf ' CMake %s' "$oldest_cmake"
+    fi
+    for package in "$@"; do
+        [ -n "$(version_of "$package")" ] || printf ' %s' "$package"
+    done
+}
+
+# check_release package...: goes on if apt has them all.
+check_release() {
+    local lack PRETTY_NAME='This system'
+    if [ -z "$(version_of cmake)" ]; then
+        refuse 'apt has no list of packages here, and cannot fetch one: look at the network.'
+    fi
+    lack=$(lacking "$@")
+    if [ -n "$lack" ]; then
+        # shellcheck source=/dev/null
+        . /etc/os-release
+        refuse "$PRETTY_NAME lacks$lack. Debian 12 and 13 have what it takes."
     fi
 }
 
@@ -90,9 +158,17 @@ install_missing() {
         [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
             missing+=("$package")
     done
-    if [ ${#missing[@]} -ne 0 ]; then
-        apt_install "${missing[@]}"
+    # At once, unless apt has not fetched its lists yet.
+    [ -z "$(version_of cmake)" ] || check_release
+    [ ${#missing[@]} -ne 0 ] || return 0
+    if [ "$(id -u)" -ne 0 ] && ! { command -v sudo >/dev/null && sudo true; }; then
+        printf 'Packages are missing, and you may not install them. As root, run:\n' >&2
+        printf '  apt-get install --no-install-recommends %s\n' "${missing[*]}" >&2
+        return 1
     fi
+    apt_update
+    check_release "${missing[@]}"
+    apt_install "${missing[@]}"
 }
 
 # build preset: configures and builds it.
