@@ -11,6 +11,18 @@ PROJECT = Path(__file__).resolve().parents[1]
 BUILD = Path(os.environ.get("ORVANE_BUILD", PROJECT / "build/dev")).resolve()
 
 
+@pytest.fixture(scope="session")
+def project():
+    """The project's directory."""
+    return PROJECT
+
+
+@pytest.fixture(scope="session")
+def build():
+    """The build directory."""
+    return BUILD
+
+
 @pytest.fixture
 def ending():
     """An ExitStack whose contexts end with the test."""

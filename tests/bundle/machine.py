@@ -1,0 +1,37 @@
+"""Who runs the tests of the services, and what the machine lets them do."""
+
+import os
+import pwd
+import subprocess
+from pathlib import Path
+
+import pytest
+
+ME = os.getuid()
+USER = pwd.getpwnam("nobody").pw_uid if ME == 0 else ME  # an ordinary user
+USERS = sorted({ME, USER})
+
+
+def has_ipv6():
+    """Returns whether there is the address ::1."""
+    try:
+        return "0" * 31 + "1 " in Path("/proc/net/if_inet6").read_text(encoding="ascii")
+    except FileNotFoundError:
+        return False
+
+
+def with_mount(mount):
+    """Returns a command that makes one mount, seen by nobody else, and runs the words behind it."""
+    return ["unshare", "--mount", *([] if ME == 0 else ["--map-root-user"]), "/bin/sh", "-c",
+            f'mount {mount} && exec "$@"', "sh"]
+
+
+def can_mount():
+    """Returns whether such a command works here."""
+    probe = [*with_mount("--bind /dev/null /usr/bin/env"), "/bin/true"]
+    return subprocess.run(probe, check=False, stderr=subprocess.DEVNULL).returncode == 0
+
+
+takes_root = pytest.mark.skipif(ME != 0, reason="takes root to give files away")
+takes_ipv6 = pytest.mark.skipif(not has_ipv6(), reason="there is no IPv6 here")
+takes_a_mount = pytest.mark.skipif(not can_mount(), reason="takes a mount of its own")

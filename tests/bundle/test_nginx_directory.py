@@ -1,0 +1,147 @@
+"""Where nginx writes when the bundle is not its user's to write in."""
+
+import os
+import stat
+
+import pytest
+from machine import ME, USER, takes_a_mount, takes_root, with_mount
+
+from drive.bundle import Nginx, ask
+
+STRANGER = 12345  # a user who is neither root nor the ordinary one
+
+
+@pytest.fixture
+def shipped(make_nginx):
+    """shipped(name, ...): one that the ordinary user cannot write in, and its environment."""
+    return lambda name="", **environment: make_nginx(
+        name, user=USER, writable=False,
+        environment={**Nginx.PLAIN, **{key: str(value) for key, value in environment.items()}})
+
+
+@pytest.fixture
+def assert_serves_from(assert_nothing_left):
+    """assert_serves_from(nginx, base): it writes below base and nowhere else, and can be stopped."""
+    def check(nginx, base):
+        nginx.deploy()
+        line, = nginx.output.splitlines()
+        assert f"{nginx.directory}/run cannot be written by this user" in line
+        assert f"nginx writes in {base}/orvane/" in line
+        made, = (base / "orvane").iterdir()
+        assert (made / "run/nginx.pid").exists()
+        for directory in (base / "orvane", made, made / "run"):
+            assert stat.S_IMODE(directory.stat().st_mode) == 0o700, directory
+            assert directory.stat().st_uid == USER
+        assert not (nginx.directory / "run").exists()
+        assert ask()[0] == 200
+        assert nginx.stop_command() == (0, "")
+        assert_nothing_left(nginx)
+
+    return check
+
+
+@pytest.fixture
+def assert_refuses(assert_one_line):
+    """assert_refuses(nginx): it ends and says that there is no place to write in."""
+    def check(nginx):
+        nginx.start()
+        assert nginx.child.wait(30) != 0
+        assert_one_line(nginx.output, "no place to write", str(nginx.directory / "run"),
+                        "[Deploy Service]")
+
+    return check
+
+
+def test_is_the_runtime_directory_of_the_session(shipped, make_directory, assert_serves_from):
+    runtime, home = make_directory("runtime"), make_directory("home")
+    assert_serves_from(shipped(XDG_RUNTIME_DIR=runtime, HOME=home), runtime)
+    assert list(home.iterdir()) == []
+
+
+def test_is_the_state_directory_without_a_session(shipped, make_directory, assert_serves_from):
+    home = make_directory("home")
+    assert_serves_from(shipped(XDG_STATE_HOME=home / "state", HOME=home), home / "state")
+
+
+def test_is_in_the_home_without_xdg_variables(shipped, make_directory, assert_serves_from):
+    home = make_directory("home")
+    assert_serves_from(shipped(HOME=home), home / ".local/state")
+
+
+def test_takes_only_absolute_paths_from_the_environment(shipped, make_directory,
+                                                        assert_serves_from):
+    home = make_directory("home")
+    nginx = shipped(XDG_RUNTIME_DIR="html", XDG_STATE_HOME="html", HOME=home)
+    os.chown(nginx.directory / "html", USER, -1)
+    assert_serves_from(nginx, home / ".local/state")
+
+
+def test_is_not_made_where_the_bundle_can_be_written(deploy_nginx, make_directory):
+    runtime = make_directory("runtime")
+    nginx = deploy_nginx(user=USER, environment={**Nginx.PLAIN, "XDG_RUNTIME_DIR": str(runtime)})
+    assert nginx.output == ""
+    assert nginx.pid_file.exists()
+    assert list(runtime.iterdir()) == []
+
+
+def test_differs_from_bundle_to_bundle(shipped, make_directory):
+    runtime = make_directory("runtime")
+    # These differ in characters that no directory's name keeps, and only far from their ends.
+    for name in ("a.app", "a-app", "1" + "x" * 80, "2" + "x" * 80):
+        assert shipped(name, XDG_RUNTIME_DIR=runtime).run("-t")[0] == 0
+    assert len(list((runtime / "orvane").iterdir())) == 4
+
+
+def test_mends_a_directory_that_others_can_enter(shipped, make_directory, assert_serves_from):
+    runtime = make_directory("runtime")
+    make_directory("runtime/orvane", mode=0o777)
+    assert_serves_from(shipped(XDG_RUNTIME_DIR=runtime), runtime)
+
+
+@pytest.mark.parametrize("target", ["elsewhere", "nowhere"])
+def test_is_no_symbolic_link(shipped, make_directory, assert_refuses, directory, target):
+    runtime, elsewhere = make_directory("runtime"), make_directory("elsewhere")
+    (runtime / "orvane").symlink_to(directory / target)
+    assert_refuses(shipped(XDG_RUNTIME_DIR=runtime, XDG_STATE_HOME=runtime))
+    assert list(elsewhere.iterdir()) == []
+
+
+def test_says_so_when_no_directory_can_be_written(shipped, make_directory, assert_refuses, ending):
+    closed = make_directory("closed", mode=0o500)
+    ending.callback(closed.chmod, 0o700)
+    assert_refuses(shipped(XDG_RUNTIME_DIR=closed, HOME=closed))
+
+
+@takes_root
+@pytest.mark.parametrize(("user", "inner"), [(STRANGER, None), (USER, STRANGER)])
+def test_is_nobody_elses(shipped, make_directory, assert_refuses, user, inner):
+    base = make_directory("base", user, 0o777)
+    if inner:
+        make_directory("base/orvane", inner, 0o777)
+    assert_refuses(shipped(XDG_RUNTIME_DIR=base, XDG_STATE_HOME=base))
+    assert [path.name for path in base.iterdir()] == (["orvane"] if inner else [])
+
+
+@takes_root
+def test_is_used_where_the_run_directory_is_another_users(make_nginx, make_directory):
+    nginx = make_nginx(user=USER)
+    make_directory("orvane.app/nginx/run", STRANGER, 0o777)
+    home = make_directory("home")
+    nginx.environment = {**Nginx.PLAIN, "HOME": str(home)}
+    nginx.deploy()
+    assert f"nginx writes in {home}/.local/state/orvane/" in nginx.output
+    assert not nginx.pid_file.exists()
+
+
+@takes_root
+@takes_a_mount
+def test_serves_root_from_a_read_only_disk(make_nginx, make_directory):
+    home = make_directory("home", ME)
+    nginx = make_nginx(environment={**Nginx.PLAIN, "HOME": str(home)})
+    assert nginx.run("-t")[0] == 0
+    assert list(home.iterdir()) == []
+    read_only = with_mount(f"--bind -o ro {nginx.directory} {nginx.directory}")
+    status, output = nginx.run("-t", before=read_only, cwd="/",
+                               script=nginx.directory / "sbin/nginx")
+    assert status == 0, output
+    assert list(home.glob(".local/state/orvane/*/run/nginx.pid"))

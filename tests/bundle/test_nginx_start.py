@@ -1,0 +1,191 @@
+"""What sbin/nginx does when it is started."""
+
+import os
+import re
+import socket
+import stat
+from pathlib import Path
+
+import pytest
+from machine import ME, USERS, has_ipv6, takes_a_mount, takes_ipv6, with_mount
+
+from drive.bundle import SITE_PORT, Nginx, ask
+from drive.processes import wait_for
+
+CLEAN_TEST = re.compile(r"nginx: the configuration file \S+ syntax is ok\n"
+                        r"nginx: configuration file \S+ test is successful\n")
+
+
+@pytest.mark.parametrize("user", USERS)
+def test_serves_the_page(deploy_nginx, assert_nothing_left, user):
+    nginx = deploy_nginx(user=user)
+    page = (nginx.directory / "html/index.html").read_text(encoding="utf-8")
+    assert ask() == (200, page)
+    nginx.stop()
+    assert_nothing_left(nginx)
+
+
+def test_is_one_process_the_one_that_was_started(deploy_nginx):
+    nginx = deploy_nginx()
+    assert [process.pid for process in nginx.left()] == [nginx.child.pid]
+
+
+def test_listens_on_loopback_only(deploy_nginx):
+    expected = {"127.0.0.1", "::1"} if has_ipv6() else {"127.0.0.1"}
+    assert deploy_nginx().addresses() == expected
+
+
+@takes_ipv6
+@pytest.mark.skipif(ME != 0 or os.environ.get("ORVANE_ISOLATED") != "network",
+                    reason="takes a network of its own, as root")
+def test_serves_where_there_is_no_ipv6(deploy_nginx, ending):
+    switch = Path("/proc/sys/net/ipv6/conf/lo/disable_ipv6")
+    switch.write_text("1", encoding="ascii")
+    ending.callback(switch.write_text, "0", encoding="ascii")
+    assert deploy_nginx().addresses() == {"127.0.0.1"}
+    assert ask()[0] == 200
+
+
+def test_writes_one_line_for_each_request(deploy_nginx):
+    nginx = deploy_nginx()
+    for path in ("/", "/missing", "/" + "x" * 4000, "/two%0alines"):
+        ask(path)
+    wait_for("four lines", lambda: nginx.output.count("\n") >= 4)
+    expected_lines = (" 200 GET /", " 404 GET /missing", " 404 GET /" + "x" * 59,
+                      " 404 GET /two%0alines")
+    for line, expected in zip(nginx.output.splitlines(), expected_lines, strict=True):
+        assert re.fullmatch(r"\d\d:\d\d:\d\d" + re.escape(expected), line)
+
+
+@pytest.mark.parametrize("early", [False, True])
+def test_serves_on_when_nobody_reads_its_output(make_nginx, early):
+    nginx = make_nginx()
+    reading, writing = os.pipe()
+    if early:
+        os.close(reading)
+    nginx.deploy(stdout=writing)
+    os.close(writing)
+    if not early:
+        os.close(reading)
+    for _ in range(3):
+        assert ask()[0] == 200
+
+
+def test_names_the_rpc_server_that_does_not_answer(deploy_nginx):
+    nginx = deploy_nginx()
+    assert ask("/rpc")[0] == 502
+    wait_for("the line", lambda: " 502 GET /rpc\n" in nginx.output)
+    assert "Connection refused" in nginx.output
+    assert "127.0.0.1:4201" in nginx.output
+
+
+def test_writes_in_its_run_directory_only(make_nginx, directory):
+    nginx = make_nginx()
+    before = sorted(nginx.directory.rglob("*"))
+    nginx.deploy()
+    ask()
+    run = nginx.directory / "run"
+    assert {path.name for path in run.iterdir()} == {
+        "nginx.pid", "ipv6.conf", "client_body", "proxy", "fastcgi", "uwsgi", "scgi"}
+    assert stat.S_IMODE(run.stat().st_mode) == 0o700
+    nginx.stop()
+    assert sorted(p for p in nginx.directory.rglob("*") if run not in [p, *p.parents]) == before
+    assert list(directory.iterdir()) == [nginx.bundle.path]
+
+
+@pytest.mark.parametrize(("name", "value"), [
+    ("HOME", ""), ("CDPATH", "/usr:/"), ("NGINX", "99;"), ("IFS", "n/"),
+    ("BASH_ENV", "{}/bash_env"), ("SHELLOPTS", "noexec")])
+def test_takes_no_harm_from_the_environment(make_nginx, directory, name, value):
+    (directory / "bash_env").write_text("exit 3\n", encoding="ascii")
+    nginx = make_nginx(environment={**Nginx.PLAIN, name: value.format(directory)})
+    status, output = nginx.run("-t")
+    assert status == 0, output
+    assert CLEAN_TEST.fullmatch(output)
+
+
+@pytest.mark.parametrize("user", USERS)
+def test_checks_the_configuration_without_a_warning(make_nginx, user):
+    status, output = make_nginx(user=user).run("-t")
+    assert status == 0, output
+    assert CLEAN_TEST.fullmatch(output)
+
+
+def test_names_the_file_of_a_broken_configuration(make_nginx):
+    nginx = make_nginx()
+    with open(nginx.directory / "conf/nginx.conf", "a", encoding="ascii") as file:
+        file.write("nonsense;\n")
+    status, output = nginx.run("-t")
+    assert status != 0
+    assert "conf/nginx.conf" in output
+
+
+@pytest.mark.parametrize(("script", "cwd"), [
+    ("{}/sbin/nginx", "/"), ("./nginx", "sbin"), ("../sbin/nginx", "html")])
+def test_runs_from_any_directory_and_in_a_path_with_blanks_and_quotes(make_nginx, script, cwd):
+    nginx = make_nginx("an 'odd' \"path\"; $(touch x) *")
+    status, output = nginx.run("-v", script=script.format(nginx.directory),
+                               cwd=nginx.directory / cwd)
+    assert status == 0, output
+    assert output.startswith("nginx version: nginx/")
+
+
+def test_takes_the_first_nginx_in_the_path_that_is_not_itself(make_nginx, make_directory):
+    nginx = make_nginx()
+    first = make_directory("bin", ME) / "nginx"
+    first.write_text("#!/bin/sh\necho the first one\n", encoding="ascii")
+    first.chmod(0o755)
+    link = make_directory("link", ME) / "nginx"
+    link.symlink_to(nginx.directory / "sbin/nginx")
+    nginx.environment = {
+        "PATH": f"sbin::{nginx.directory}/sbin:{link.parent}:{first.parent}:/usr/sbin"}
+    assert nginx.run("-v") == (0, "the first one\n")
+
+
+def test_finds_the_system_nginx_without_a_path(make_nginx):
+    status, output = make_nginx(environment={}).run("-v")
+    assert status == 0, output
+    assert output.startswith("nginx version: nginx/")
+
+
+@takes_a_mount
+def test_says_how_to_install_nginx(make_nginx, assert_one_line):
+    status, output = make_nginx().run(before=with_mount("--bind /dev/null /usr/sbin/nginx"))
+    assert status != 0
+    assert_one_line(output, "nginx is not installed", "sudo apt-get install nginx",
+                    "[Deploy Service]")
+
+
+@pytest.mark.parametrize(("address", "family"), [
+    ("127.0.0.1", socket.AF_INET), ("0.0.0.0", socket.AF_INET),
+    pytest.param("::1", socket.AF_INET6, marks=takes_ipv6)])
+def test_says_that_another_program_has_the_port(make_nginx, hold, assert_one_line, address, family):
+    hold(SITE_PORT, address, family)
+    nginx = make_nginx()
+    nginx.start()
+    assert nginx.child.wait(30) != 0
+    assert_one_line(nginx.output, "port 4200", "taken by another program", "[Deploy Service]")
+    assert nginx.left() == []
+
+
+def test_waits_for_a_port_that_is_about_to_be_free(make_nginx, hold):
+    holder = hold(SITE_PORT)
+    nginx = make_nginx()
+    nginx.start()
+    holder.accept()[0].close()  # it has looked
+    holder.close()
+    wait_for("nginx serves", nginx.serves)
+    assert nginx.output == ""
+
+
+def test_names_its_own_nginx_that_a_killed_launcher_left(deploy_nginx, assert_one_line):
+    nginx = deploy_nginx()
+    first = nginx.child
+    nginx.start()
+    assert nginx.child.wait(30) != 0
+    assert_one_line(nginx.output, "port 4200", "this bundle's own nginx",
+                    f"process {first.pid}", "[Stop Service]", "[Deploy Service]")
+    assert ask()[0] == 200
+    nginx.stop()
+    wait_for("the first one has gone", lambda: first.poll() is not None)
+    nginx.deploy()

@@ -1,0 +1,119 @@
+"""The sample page in a real browser, with real services."""
+
+import signal
+import subprocess
+
+import pytest
+
+from drive.browser import Browser
+from drive.processes import wait_for
+
+
+@pytest.fixture(scope="module")
+def shared_browser():
+    """One browser for all, since it takes its time to start."""
+    with Browser() as browser:
+        yield browser
+
+
+@pytest.fixture
+def nginx(deploy_nginx):
+    """nginx, which serves."""
+    return deploy_nginx()
+
+
+@pytest.fixture
+def rpc_server(start_rpc_server):
+    """The RPC server, a subprocess.Popen."""
+    return start_rpc_server(stdout=subprocess.DEVNULL)
+
+
+@pytest.fixture
+def page(shared_browser, nginx, rpc_server):
+    """The browser at the page, with no channel open yet."""
+    shared_browser.visit()
+    return shared_browser
+
+
+@pytest.fixture
+def playing(page):
+    """The browser at the page that shows a channel's moving pictures."""
+    page.click("open")
+    wait_for_pictures(page)
+    return page
+
+
+def wait_for_pictures(page):
+    """Waits until they arrive, and until the one that is shown moves."""
+    wait_for("pictures arrive", lambda: page.dps() > 0)
+    canvas = "return document.querySelector('canvas').toDataURL()"
+    before = page.run(canvas)
+    wait_for("the picture moves", lambda: before != page.run(canvas))
+
+
+def wait_for_none(page):
+    """Waits until no picture arrives."""
+    wait_for("no picture arrives", lambda: page.dps() == 0)
+
+
+def test_shows_moving_pictures_after_the_channel_is_opened(page):
+    assert page.text("dps") == "0"
+    page.click("open")
+    wait_for_pictures(page)
+    wait_for("about 25 pictures a second", lambda: 20 <= page.dps() <= 30)
+
+
+def test_comes_back_after_the_rpc_server_was_gone(playing, rpc_server, start_rpc_server):
+    rpc_server.kill()
+    rpc_server.wait()
+    wait_for_none(playing)
+    start_rpc_server(stdout=subprocess.DEVNULL)
+    wait_for_pictures(playing)
+
+
+def test_comes_back_after_nginx_was_gone(playing, nginx):
+    nginx.stop()
+    wait_for_none(playing)
+    nginx.deploy()
+    wait_for_pictures(playing)
+
+
+def test_opens_a_channel_again_at_the_next_click(playing):
+    playing.click("open")
+    wait_for("the second channel", lambda: "Channel 2 " in playing.text("status"))
+    wait_for_pictures(playing)
+    count = "return performance.getEntriesByType('resource').length"
+    enough, shown = playing.run(count) + 4, set()
+
+    def four_more_answers():
+        shown.add(playing.text("status"))
+        return playing.run(count) >= enough
+
+    wait_for("further requests", four_more_answers)
+    assert shown == {"Channel 2 is open."}
+
+
+def test_falls_to_zero_when_the_rpc_server_hangs(playing, rpc_server):
+    rpc_server.send_signal(signal.SIGSTOP)
+    wait_for_none(playing)
+
+
+def test_falls_to_zero_when_nginx_hangs(playing, nginx):
+    nginx.child.send_signal(signal.SIGSTOP)
+    wait_for_none(playing)
+
+
+def test_shows_the_number_inside_the_video_window_at_its_top_right(page):
+    video, number = (page.run(
+        f"return document.querySelector('{element}').getBoundingClientRect()")
+        for element in ("canvas", "#dps"))
+    assert number["right"] < video["right"]
+    assert video["right"] - number["right"] < video["width"] / 10
+    assert number["top"] > video["top"]
+    assert number["bottom"] - video["top"] < video["height"] / 5
+
+
+def test_loads_nothing_from_outside(playing):
+    names = playing.run("return performance.getEntries().map(entry => entry.name)")
+    addresses = {name for name in names if "//" in name}
+    assert addresses == {"http://localhost:4200/", "http://localhost:4200/rpc"}
