@@ -1,9 +1,11 @@
-"""soak.py CYCLES [chatty] [real]: deploy, look at each tab, redeploy and stop, again and again.
+"""soak.py CYCLES [chatty] [real] [aimed]: deploy, look at each tab, redeploy and stop, on and on.
 
-In a real window, against services that flood their output and against the bundle's real ones.
+In a real window, against services that flood their output and against the bundle's real ones. The
+third kind is AimedStops, which stops in the very moment in which a row arrives.
 
-ORVANE_LAUNCHER and ORVANE_LANDMARKS name the programs. Exits with 0 if the launcher never crashed,
-each cycle left the designed number of descriptors, and nothing was left running.
+ORVANE_LAUNCHER and ORVANE_LANDMARKS name the programs. Exits with 0 if the launcher never crashed
+(at most once in 1,000 aimed stops), each cycle left the designed number of descriptors, and nothing
+was left running.
 """
 
 import os
@@ -15,7 +17,7 @@ import time
 from pathlib import Path
 
 from Xlib.error import XError
-from drive.bundle import ThrowAway, SITE_PORT, port_open, site_answers
+from drive.bundle import SITE_PORT, Bundle, ThrowAway, port_open, site_answers
 from drive.desktop import Desktop, Launcher
 from drive.processes import exit_on_signals, wait_for
 from launchertest import LAUNCHER, copy_real_bundle
@@ -30,6 +32,14 @@ FLOOD = "exec yes 'a line of output that a service writes as fast as the launche
 
 def chatty_bundle(directory):
     return ThrowAway(directory, LAUNCHER, nginx=FLOOD, rpc=FLOOD, stop="").program
+
+
+def aim(cycles, directory):
+    """Returns whether few enough of the aimed stops ended the launcher; prints how many did."""
+    aimed, told = (Path(os.environ["ORVANE_LANDMARKS"]).with_name(name)
+                   for name in ("AimedStops", "ToldService"))
+    bundle = Bundle(directory, aimed, nginx=told, rpc=told)
+    return subprocess.run([bundle.program, str(cycles)], check=False).returncode == 0
 
 
 def children(pid):
@@ -180,8 +190,8 @@ class Run:
 
 
 def main():
-    cycles, kinds = int(sys.argv[1]), sys.argv[2:] or ["chatty", "real"]
-    if set(kinds) - {"chatty", "real"}:
+    cycles, kinds = int(sys.argv[1]), sys.argv[2:] or ["chatty", "real", "aimed"]
+    if set(kinds) - {"chatty", "real", "aimed"}:
         sys.exit(__doc__)
     # Every deploy leaves two descriptors open for the launcher's life.
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
@@ -191,6 +201,9 @@ def main():
     good = True
     for kind in kinds:
         with tempfile.TemporaryDirectory(prefix="orvane-soak-") as directory:
+            if kind == "aimed":
+                good = aim(cycles, directory) and good
+                continue
             if kind == "chatty":
                 run = Run(kind, chatty_bundle(directory), {"yes"})
             else:
