@@ -9,6 +9,7 @@ was left running.
 """
 
 import os
+import random
 import resource
 import subprocess
 import sys
@@ -34,12 +35,12 @@ def chatty_bundle(directory):
     return ThrowAway(directory, LAUNCHER, nginx=FLOOD, rpc=FLOOD, stop="").program
 
 
-def aim(cycles, directory):
+def aim(cycles, directory, seed):
     """Returns whether few enough of the aimed stops ended the launcher; prints how many did."""
     aimed, told = (Path(os.environ["ORVANE_LANDMARKS"]).with_name(name)
                    for name in ("AimedStops", "ToldService"))
     bundle = Bundle(directory, aimed, nginx=told, rpc=told)
-    return subprocess.run([bundle.program, str(cycles)], check=False).returncode == 0
+    return subprocess.run([bundle.program, str(cycles), str(seed)], check=False).returncode == 0
 
 
 def children(pid):
@@ -68,8 +69,9 @@ def ended(pid):
 class Run:
     """Cycles of one kind. A launcher that crashed is counted and replaced."""
 
-    def __init__(self, name, program, services):
+    def __init__(self, name, program, services, dice):
         self.name = name
+        self.dice = dice
         self.program = program
         self.services = services  # what the services' processes are called
         self.failures = []  # crashes and hangs
@@ -98,10 +100,6 @@ class Run:
         self.launcher.click(tab)
         self.wait(f"the tab {tab}", lambda: self.launcher.picture().tobytes() != before)
 
-    def watch_output_arrive(self):
-        before = self.launcher.picture().tobytes()
-        self.wait("more output", lambda: self.launcher.picture().tobytes() != before)
-
     def wait(self, what, condition):
         def happened_or_crashed():
             if self.launcher.process.poll() is not None:
@@ -114,10 +112,10 @@ class Run:
         self.deploy()
         self.look("nginx")
         self.look("rpc")
-        if self.name == "chatty":
-            self.watch_output_arrive()  # this list repaints by itself
+        time.sleep(self.dice.uniform(0, 0.3))  # rows arrive in the list in front
         self.look("directions")
         services = self.deploy()
+        time.sleep(self.dice.uniform(0, 0.2))  # a pause of the readers
         self.launcher.click("stop")
         self.wait("the end of the services", lambda: all(map(ended, services)))
         self.note_figures()
@@ -198,16 +196,19 @@ def main():
     many = MANY_DESCRIPTORS if hard == resource.RLIM_INFINITY else min(hard, MANY_DESCRIPTORS)
     resource.setrlimit(resource.RLIMIT_NOFILE, (many, hard))
     exit_on_signals()
+    seed = int(os.environ.get("ORVANE_SEED") or random.SystemRandom().getrandbits(31))
+    print(f"seed: {seed} (ORVANE_SEED={seed} draws the same again)")
     good = True
     for kind in kinds:
         with tempfile.TemporaryDirectory(prefix="orvane-soak-") as directory:
             if kind == "aimed":
-                good = aim(cycles, directory) and good
+                good = aim(cycles, directory, seed) and good
                 continue
             if kind == "chatty":
-                run = Run(kind, chatty_bundle(directory), {"yes"})
+                run = Run(kind, chatty_bundle(directory), {"yes"}, random.Random(seed))
             else:
-                run = Run(kind, copy_real_bundle(directory), {"nginx", "rpcServer"})
+                run = Run(kind, copy_real_bundle(directory), {"nginx", "rpcServer"},
+                          random.Random(seed))
             good = run.go(cycles) and good
     sys.exit(0 if good else 1)
 
