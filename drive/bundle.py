@@ -51,15 +51,16 @@ def site_answers():
 
 
 class Bundle:
-    """An orvane.app below `directory`, as far as it is staged. Nobody's `run` directory is.
+    """An orvane.app below `directory`.
 
-    `launcher` is a program that is copied; so are `nginx`, a directory, and `rpc`. As a string,
-    `nginx` and `rpc` are the script that stands there. None leaves a part out.
+    `launcher`, `nginx` and `rpc` are programs to copy, or as a string the script that stands there;
+    `nginx` may be a whole directory, and goes without what nginx wrote in it. None leaves one out.
     """
 
     def __init__(self, directory, launcher=None, nginx=None, rpc=None):
         self.path = Path(directory) / "orvane.app"
-        self.program = self.path / "Contents/MacOS" / (Path(launcher).name if launcher else "orvane")
+        name = Path(launcher).name if launcher else "orvane"
+        self.program = self.path / "Contents/MacOS" / name
         self.nginx = self.path / "nginx/sbin/nginx"
         self.rpc = self.path / "rpcServer/MacOs/rpcServer"
         for source, target in ((launcher, self.program), (nginx, self.nginx), (rpc, self.rpc)):

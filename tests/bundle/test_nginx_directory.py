@@ -21,7 +21,7 @@ def shipped(make_nginx):
 
 @pytest.fixture
 def assert_serves_from(assert_nothing_left):
-    """assert_serves_from(nginx, base): it writes below base and nowhere else, and can be stopped."""
+    """assert_serves_from(nginx, base): it writes below base and nowhere else, and is stopped."""
     def check(nginx, base):
         nginx.deploy()
         line, = nginx.output.splitlines()

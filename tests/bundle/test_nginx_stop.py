@@ -89,7 +89,7 @@ def test_refuses_to_reload(deploy_nginx, assert_one_line):
 
 @pytest.fixture
 def assert_not_signalled(assert_one_line):
-    """assert_not_signalled(nginx, process, text): with this pid file, the stop command spares it."""
+    """assert_not_signalled(nginx, process, text): a stop with this pid file spares the process."""
     def check(nginx, process, text):
         nginx.pid_file.parent.mkdir(exist_ok=True)
         nginx.pid_file.write_text(text, encoding="ascii")

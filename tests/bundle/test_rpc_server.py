@@ -22,8 +22,8 @@ FRAMES = {"channel": 1, "after": 0}
 
 def request(method, params=None, **more):
     """Returns a request as an object."""
-    return {"jsonrpc": "2.0", "id": 1, "method": method, **({} if params is None else
-                                                             {"params": params}), **more}
+    parameters = {} if params is None else {"params": params}
+    return {"jsonrpc": "2.0", "id": 1, "method": method, **parameters, **more}
 
 
 def post(body, **headers):

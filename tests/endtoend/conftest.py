@@ -1,0 +1,72 @@
+"""A desktop, bundles and launchers of its own for each story."""
+
+import subprocess
+import tempfile
+from pathlib import Path
+
+import pytest
+from PIL import Image
+
+from drive.bundle import Bundle, ThrowAway
+from drive.desktop import Desktop, Launcher
+from drive.processes import wait_for
+
+pytest.register_assert_rewrite("steps")
+
+
+@pytest.fixture
+def desktop(ending):
+    """A virtual X server."""
+    return ending.enter_context(Desktop())
+
+
+@pytest.fixture
+def throw_away(directory, build):
+    """throw_away(place, ...): a bundle with a copy of the launcher, as drive.bundle.ThrowAway."""
+    return lambda place="", **services: ThrowAway(
+        directory / place, build / "orvane.app/Contents/MacOS/orvane", **services)
+
+
+@pytest.fixture
+def real(directory, build):
+    """A copy of the bundle with the real services."""
+    return Bundle.copy_of(build / "orvane.app", directory)
+
+
+@pytest.fixture
+def launch(desktop, build, ending):
+    """launch(program, ...): the launcher in its window, as drive.desktop.Launcher."""
+    # Not in the bundle's directory: the launcher must not depend on where it was started.
+    return lambda program, options=(), **how: ending.enter_context(
+        Launcher(desktop, program, options, cwd="/", landmarks=build / "landmarks", **how))
+
+
+@pytest.fixture
+def assert_list_shows(directory, build, request):
+    """assert_list_shows(launcher, name, rows): the tab comes to show these rows, to the pixel."""
+    def check(launcher, name, *rows, options=()):
+        expected = directory / "expected.png"
+        subprocess.run([build / "landmarks", *options, name, expected, *rows],
+                       env=launcher.environment, check=True)
+        pixels = Image.open(expected).convert("RGB").tobytes()
+
+        def shown():
+            # The list repaints when its tab comes to the front, at the latest; not asked for too
+            # often, or a slow launcher has more clicks to work off than it gets done.
+            launcher.click("directions")
+            launcher.click(name)
+            launcher.point_at("title")
+            try:
+                wait_for(rows, lambda: launcher.picture(f"{name} list").tobytes() == pixels, 1)
+            except TimeoutError:
+                return False
+            return True
+
+        try:
+            wait_for(f"rows {rows} in the {name} list", shown)
+        except TimeoutError as why:
+            seen = Path(tempfile.gettempdir()) / f"orvane-{request.node.name}.png"
+            launcher.picture().save(seen)
+            pytest.fail(f"{why}; what was seen is in {seen}")
+
+    return check
