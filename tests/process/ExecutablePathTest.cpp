@@ -9,56 +9,46 @@ class ExecutablePathTest : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void sizeZeroAsksForTheSize();
-    void tooSmallBufferStaysUntouched();
-    void bufferOfTheNeededSizeIsFilled();
-    void largerBufferIsFilledToTheTerminatingZero();
+    void initTestCase()
+    {
+        path = QFile::encodeName(QFileInfo("/proc/self/exe").canonicalFilePath());
+        QVERIFY(path.startsWith('/'));
+    }
+
+    void sizeZeroAsksForTheSize()
+    {
+        std::uint32_t size = 0;
+        QCOMPARE(executablePath(nullptr, &size), -1);
+        QCOMPARE(static_cast<int>(size), path.size() + 1); // with the terminating zero
+    }
+
+    void bufferIsFilledIfItIsLargeEnough_data()
+    {
+        QTest::addColumn<int>("missing"); // bytes
+        QTest::addColumn<int>("result");
+        QTest::newRow("too small") << 1 << -1;
+        QTest::newRow("of the needed size") << 0 << 0;
+        QTest::newRow("larger") << -99 << 0;
+    }
+
+    void bufferIsFilledIfItIsLargeEnough()
+    {
+        QFETCH(int, missing);
+        QFETCH(int, result);
+        QByteArray expected(path.size() + 100, '#');
+        QByteArray buffer = expected;
+        if (result == 0) {
+            expected.replace(0, path.size() + 1, path + '\0');
+        }
+        auto size = static_cast<std::uint32_t>(path.size() + 1 - missing);
+        QCOMPARE(executablePath(buffer.data(), &size), result);
+        QCOMPARE(buffer, expected);
+        QVERIFY(result == 0 || static_cast<int>(size) == path.size() + 1);
+    }
 
 private:
     QByteArray path;
-    std::uint32_t needed = 0; ///< bytes, with the terminating zero
 };
-
-void ExecutablePathTest::initTestCase()
-{
-    path = QFile::encodeName(QFileInfo("/proc/self/exe").canonicalFilePath());
-    QVERIFY(path.startsWith('/'));
-    needed = static_cast<std::uint32_t>(path.size()) + 1;
-}
-
-void ExecutablePathTest::sizeZeroAsksForTheSize()
-{
-    std::uint32_t size = 0;
-    QCOMPARE(executablePath(nullptr, &size), -1);
-    QCOMPARE(size, needed);
-}
-
-void ExecutablePathTest::tooSmallBufferStaysUntouched()
-{
-    QByteArray buffer(path.size() + 1, '#');
-    std::uint32_t size = needed - 1;
-    QCOMPARE(executablePath(buffer.data(), &size), -1);
-    QCOMPARE(size, needed);
-    QCOMPARE(buffer, QByteArray(path.size() + 1, '#'));
-}
-
-void ExecutablePathTest::bufferOfTheNeededSizeIsFilled()
-{
-    QByteArray buffer(path.size() + 1, '#');
-    std::uint32_t size = needed;
-    QCOMPARE(executablePath(buffer.data(), &size), 0);
-    QCOMPARE(size, needed);
-    QCOMPARE(buffer, path + '\0');
-}
-
-void ExecutablePathTest::largerBufferIsFilledToTheTerminatingZero()
-{
-    QByteArray buffer(path.size() + 100, '#');
-    std::uint32_t size = needed + 99;
-    QCOMPARE(executablePath(buffer.data(), &size), 0);
-    QCOMPARE(buffer, path + '\0' + QByteArray(99, '#'));
-}
 
 QTEST_GUILESS_MAIN(ExecutablePathTest)
 #include "ExecutablePathTest.moc"

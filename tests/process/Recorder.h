@@ -1,30 +1,28 @@
 #pragma once
 
 #include "process/MyProgress.h"
+#include "tests/support/SystemCalls.h"
 
 #include <QByteArray>
 #include <QList>
 
-#include <chrono>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
-/// What a sink was given, and when. Outlives its runner: a reader may still be on its way out.
+/// What a sink was given. Outlives its runner: a reader may still be on its way out.
 class Messages
 {
 public:
-    using Clock = std::chrono::steady_clock;
-
     void add(const std::string &text)
     {
         const std::lock_guard<std::mutex> lock(mutex);
         texts.append(QByteArray::fromStdString(text));
         threads.push_back(pthread_self());
-        times.push_back(Clock::now());
     }
 
     /// Every message so far, the empty ones included.
@@ -36,16 +34,10 @@ public:
     /// What was read, in one piece.
     QByteArray joined() const { return all().join(); }
     int count() const { return all().size(); }
-
     std::vector<pthread_t> senders() const
     {
         const std::lock_guard<std::mutex> lock(mutex);
         return threads;
-    }
-    std::vector<Clock::time_point> arrivals() const
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return times;
     }
 
     /// A new record that is never deleted.
@@ -59,7 +51,6 @@ private:
     mutable std::mutex mutex;
     QList<QByteArray> texts;
     std::vector<pthread_t> threads;
-    std::vector<Clock::time_point> times;
 };
 
 /// A runner that keeps its messages, with every field in the open.
@@ -80,8 +71,9 @@ public:
     Messages &messages = Messages::make();
 
     /// Nothing joins a reader, so one may touch its runner after the deletion: the memory stays.
-    static void *operator new(std::size_t size) { return ::operator new(size); }
-    static void operator delete(void *memory)
+    /// Not inline, or the compiler misses the other half of the pair.
+    [[gnu::noinline]] static void *operator new(std::size_t size) { return ::operator new(size); }
+    [[gnu::noinline]] static void operator delete(void *memory)
     {
         static auto &kept = *new std::vector<void *>;
         kept.push_back(memory);
@@ -126,4 +118,21 @@ inline QByteArray wholeOutput(MyProgress &runner)
         }
         output += QByteArray::fromStdString(part);
     }
+}
+
+/// The line of the record for the kill of a child.
+inline QString killOf(pid_t child)
+{
+    return QString("kill %1 9").arg(child);
+}
+
+/// What a runner asks of the system when it is deleted.
+template <typename Runner>
+QStringList callsOfDeletion(std::unique_ptr<Runner> &runner)
+{
+    static const bool never = false;
+    SystemCalls::record(never);
+    runner.reset();
+    SystemCalls::stop();
+    return SystemCalls::lines();
 }

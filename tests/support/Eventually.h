@@ -1,24 +1,35 @@
 #pragma once
 
+#include <QCoreApplication>
+
 #include <chrono>
 #include <thread>
 
-/// For a test that has failed, not a measure of speed. What is left of such a test waits less.
-inline std::chrono::seconds longestWait{20};
-
-/// Waits until @p condition holds, and returns whether it did. Runs no event loop, so what it waits
-/// for happens on another thread or in another process.
-template <typename Condition>
-bool eventually(Condition condition)
+inline void sleepShortly()
 {
-    constexpr auto pause = std::chrono::milliseconds(2);
-    const auto deadline = std::chrono::steady_clock::now() + longestWait;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+}
+
+inline void handleEvents()
+{
+    QCoreApplication::processEvents();
+    sleepShortly();
+}
+
+/// Waits until @p condition holds, and returns whether it did. What it waits for happens on another
+/// thread or in another process, or @p meanwhile, in the event loop. The limit is for a test that
+/// has failed, not a measure of speed; what is left of such a test waits less.
+template <typename Condition>
+bool eventually(Condition condition, void (*meanwhile)() = sleepShortly)
+{
+    static std::chrono::seconds patience{ORVANE_PATIENCE};
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
-            longestWait = std::chrono::seconds(2);
+            patience = std::chrono::seconds(2);
             return false;
         }
-        std::this_thread::sleep_for(pause);
+        meanwhile();
     }
     return true;
 }

@@ -17,7 +17,7 @@ public:
         for (std::size_t i = 0; i < sizeof(Object); ++i) {
             bytes[i] = std::byte{0xAA};
         }
-        object = new (memory) Object(std::forward<Arguments>(arguments)...);
+        object = ::new (memory) Object(std::forward<Arguments>(arguments)...);
     }
     ~Unset() { object->~Object(); }
     Unset(const Unset &) = delete;

@@ -30,32 +30,28 @@ class ExecutablePathMacosTest : public QObject
     Q_OBJECT
 
 private slots:
-    void platformIsAskedForTheSize();
-    void platformIsAskedForThePath();
-    void directoryAndRootComeFromThePlatform();
+    void platformIsAskedForTheSize()
+    {
+        std::uint32_t size = 0;
+        QCOMPARE(executablePath(nullptr, &size), -1);
+        QCOMPARE(size, static_cast<std::uint32_t>(path.size() + 1));
+    }
+
+    void platformIsAskedForThePath()
+    {
+        QByteArray buffer(100, '#');
+        auto size = static_cast<std::uint32_t>(buffer.size());
+        QCOMPARE(executablePath(buffer.data(), &size), 0);
+        QCOMPARE(buffer.constData(), path.c_str());
+    }
+
+    void directoryAndRootComeFromThePlatform()
+    {
+        MyProgress runner;
+        QCOMPARE(runner.GetExeDir(), std::string("/Applications/orvane.app/Contents/MacOS"));
+        QCOMPARE(runner.getBasePath(), std::string("/Applications/orvane.app"));
+    }
 };
-
-void ExecutablePathMacosTest::platformIsAskedForTheSize()
-{
-    std::uint32_t size = 0;
-    QCOMPARE(executablePath(nullptr, &size), -1);
-    QCOMPARE(size, static_cast<std::uint32_t>(path.size() + 1));
-}
-
-void ExecutablePathMacosTest::platformIsAskedForThePath()
-{
-    QByteArray buffer(100, '#');
-    auto size = static_cast<std::uint32_t>(buffer.size());
-    QCOMPARE(executablePath(buffer.data(), &size), 0);
-    QCOMPARE(buffer.constData(), path.c_str());
-}
-
-void ExecutablePathMacosTest::directoryAndRootComeFromThePlatform()
-{
-    MyProgress runner;
-    QCOMPARE(runner.GetExeDir(), std::string("/Applications/orvane.app/Contents/MacOS"));
-    QCOMPARE(runner.getBasePath(), std::string("/Applications/orvane.app"));
-}
 
 QTEST_GUILESS_MAIN(ExecutablePathMacosTest)
 #include "ExecutablePathMacosTest.moc"

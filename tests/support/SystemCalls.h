@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QByteArray>
+#include <QStringList>
+
+#include <functional>
+#include <unistd.h>
+
+/// Takes the place of the C library's calls that the launcher makes: notes each in one log, in
+/// order, and hands it on. Linked into whatever has a runner, so that none, however broken, can
+/// signal every process there is.
+/// pipe fork close dup2 poll read usleep kill waitpid system pthread_create _cancel _join _detach
+///
+/// Noted are the calls of this program's own code, not those of a library, on the thread that
+/// called record() and in the processes that it forks. A line is the call's name and its numbers:
+/// "kill 1234 9".
+namespace SystemCalls {
+
+/// Empties the log and notes every call from here on. While @p flag holds true, lines get
+/// " (running)" at their end.
+void record(const bool &flag);
+/// The same, but only stops are noted: kill and system.
+void recordStops();
+/// Ends the record, and takes back what the functions below have set.
+void stop();
+
+/// Adds a line of the test's own. Other programs append theirs to the file at logPath().
+void note(const QByteArray &line);
+QByteArray logPath();
+/// The lines so far, or those of the processes that this one has forked.
+QStringList lines();
+QStringList childLines();
+
+/// The next call of that name fails.
+void failNext(const char *name, int error);
+/// Run at each call of that name on the recording thread, before it is handed on.
+void at(const char *name, std::function<void()> action);
+
+/// usleep() lasts 2 ms, whatever it is asked for; from now on, as long as here.
+void changePauses(useconds_t microseconds);
+/// How many pauses any thread has begun.
+int pausesBegun();
+/// The threads inside a read of @p fd, those that were cancelled there included.
+int readersOf(int fd);
+
+} // namespace SystemCalls
