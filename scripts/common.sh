@@ -46,13 +46,13 @@ trap 'exit 143' TERM HUP
 # shellcheck disable=SC2034 # not every script takes every list
 # What building the bundle and its packages and running it takes. GCC's link-time optimisation runs
 # make.
-build_packages=(g++ cmake make ninja-build qtbase5-dev libcpp-httplib-dev nlohmann-json3-dev
+build_packages=(g++ cmake make ninja-build qtbase5-dev libmicrohttpd-dev nlohmann-json3-dev
     pkgconf librsvg2-bin icnsutils nginx dpkg-dev file)
 # shellcheck disable=SC2034 # likewise
 # What showing it without a display takes: a virtual X server, a browser, and what drives both.
 demo_packages=(xvfb fonts-dejavu-core chromium chromium-driver
     iproute2 python3 python3-pil python3-psutil python3-selenium python3-xlib)
-brew_packages=(cmake ninja qt@5 cpp-httplib nlohmann-json pkgconf librsvg nginx)
+brew_packages=(cmake ninja qt@5 libmicrohttpd nlohmann-json pkgconf librsvg nginx)
 oldest_cmake=3.21 # knows the presets
 
 as_root() {

@@ -4,17 +4,15 @@
 #include <chrono>
 #include <cmath>
 #include <map>
-#include <mutex>
 #include <nlohmann/json.hpp>
 
 /// The open channels. Each is a moving test picture: a ball that runs a closed curve in changing
-/// colours, 25 frames for every second since it was opened. Any thread may call.
+/// colours, the first frame at once and then 25 for every second since it was opened.
 class Channels
 {
 public:
     std::uint64_t open()
     {
-        const std::lock_guard<std::mutex> lock(mutex);
         if (opened.size() == 16) { // nobody says when a page is closed
             opened.erase(opened.begin());
         }
@@ -25,11 +23,10 @@ public:
     /// The frames after the frame @p after, no more than the newest two seconds of them: the ball's
     /// centre in thousandths of the picture, its hue in degrees. A channel that is not open throws
     /// std::out_of_range.
-    nlohmann::json frames(std::uint64_t channel, std::uint64_t after)
+    [[nodiscard]] nlohmann::json frames(std::uint64_t channel, std::uint64_t after) const
     {
-        const std::lock_guard<std::mutex> lock(mutex);
         const auto shown = Clock::now() - opened.at(channel);
-        const auto newest = static_cast<std::uint64_t>(shown / std::chrono::milliseconds(40));
+        const auto newest = 1 + static_cast<std::uint64_t>(shown / std::chrono::milliseconds(40));
         auto list = nlohmann::json::array();
         for (after = std::max(after, newest - std::min(newest, std::uint64_t{50}));
              after < newest;) {
@@ -44,7 +41,6 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    std::mutex mutex;
     std::map<std::uint64_t, Clock::time_point> opened;
     std::uint64_t lastOpened = 0;
 };

@@ -1,171 +1,187 @@
-// The sample RPC server: JSON-RPC 2.0 over HTTP POST on http://127.0.0.1:4201/rpc.
-//   channel.open                     {"channel": 1}
-//   channel.frames {channel, after}  {"frames": [{"number": 1, "x": 512, "y": 30, "hue": 2}, ...]}
+// The sample RPC server: JSON-RPC 2.0 over HTTP POST on http://127.0.0.1:4201/rpc. It is started
+// with neither arguments nor environment, and stopped by SIGKILL.
+//
+// GNU libmicrohttpd, because it asks before it reads a body, keeps what a connection may take below
+// a limit, and serves all of them from one thread: a connection that says nothing holds nobody up.
 
-#include "bundle/rpcServer/Channels.h"
+#include "bundle/rpcServer/Calls.h"
+#include "bundle/rpcServer/Port.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <httplib.h>
+#include <deque>
+#include <filesystem>
+#include <iterator>
+#include <microhttpd.h>
+#include <set>
+#include <strings.h>
 #include <sys/socket.h>
 #include <system_error>
 #include <unistd.h>
 
-using Json = nlohmann::json;
-
 namespace {
 
-constexpr std::size_t mostBytes = std::size_t{64} * 1024; // of one body
-constexpr std::size_t mostCalls = 16;                     // of one batch
+constexpr int rpcPort = 4201;
+constexpr std::size_t mostBytes = std::size_t{64} * 1024;       // of one body
+constexpr std::size_t mostHeaderBytes = std::size_t{32} * 1024; // as nginx accepts
+constexpr std::size_t mostConnections = 64;
+constexpr unsigned idleSeconds = 5; // until a connection is closed
+constexpr int longestWait = 1000;   // milliseconds
 
-struct RpcError
+// Only the site's own page gets in: any page on the web may send requests to this port.
+// A name that its owner points to 127.0.0.1 stands in Host. nginx passes on what the page named.
+const std::set<std::string> ownHosts{"localhost:4200", "127.0.0.1:4200", "[::1]:4200",
+                                     "localhost:4201", "127.0.0.1:4201", "[::1]:4201"};
+// A browser says which page asks, and whether it is one of the site's; other programs say nothing.
+const std::set<std::string> ownOrigins{"", "http://localhost:4200", "http://127.0.0.1:4200",
+                                       "http://[::1]:4200"};
+const std::set<std::string> ownFetchSites{"", "same-origin"};
+
+struct Server
 {
-    int code;
-    const char *message;
+    Channels channels;
+    Rows rows;
+    std::deque<MHD_Connection *> connections; // the oldest first
 };
 
-/// One line on the output, at once. Nobody may be there to read it; that stops nothing.
-void say(const std::string &line)
+/// The HTTP status that refuses a request, by all that comes before its body; 0 for one that is let
+/// in.
+unsigned refusal(MHD_Connection *connection, const std::string &path, const std::string &method)
 {
-    std::puts(line.c_str());
-    std::fflush(stdout);
+    const auto header = [connection](const char *name) {
+        const char *value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+        return std::string(value != nullptr ? value : "");
+    };
+    if (ownHosts.count(header("Host")) == 0 || ownOrigins.count(header("Origin")) == 0 ||
+        ownFetchSites.count(header("Sec-Fetch-Site")) == 0) {
+        return MHD_HTTP_FORBIDDEN;
+    }
+    if (path != "/rpc") {
+        return MHD_HTTP_NOT_FOUND;
+    }
+    if (method != "POST") {
+        return MHD_HTTP_METHOD_NOT_ALLOWED;
+    }
+    // A foreign page can declare its body so only after it has asked, which is refused above.
+    const std::string type = header("Content-Type");
+    const std::string json = "application/json";
+    if (strncasecmp(type.c_str(), json.c_str(), json.size()) != 0 ||
+        type.find_first_not_of("; ", json.size()) == json.size()) {
+        return MHD_HTTP_UNSUPPORTED_MEDIA_TYPE;
+    }
+    return std::strtoull(header("Content-Length").c_str(), nullptr, 10) > mostBytes
+               ? MHD_HTTP_CONTENT_TOO_LARGE
+               : 0;
 }
 
-std::uint64_t number(const Json &params, const char *name)
+MHD_Result reply(MHD_Connection *connection, unsigned status, const std::string &text)
 {
-    const Json value = params.is_object() ? params.value(name, Json()) : Json();
-    return value.is_number_unsigned() ? value.get<std::uint64_t>()
-                                      : throw RpcError{-32602, "Invalid params"};
+    std::string copy = text; // the library takes no const, and makes a copy of its own
+    MHD_Response *response =
+        MHD_create_response_from_buffer(copy.size(), copy.data(), MHD_RESPMEM_MUST_COPY);
+    MHD_add_response_header(response, "Content-Type", "application/json");
+    MHD_add_response_header(response, "Connection", "close");
+    const MHD_Result queued = MHD_queue_response(connection, status, response);
+    MHD_destroy_response(response);
+    return queued;
 }
 
-Json call(Channels &channels, const std::string &method, const Json &params)
+/// Called for each request: once for its header, for each piece of its body, and at its end.
+MHD_Result onRequest(void *self, MHD_Connection *connection, const char *path, const char *method,
+                     const char * /*version*/, const char *data, std::size_t *length,
+                     void **context)
 {
-    if (method == "channel.open") {
-        return {{"channel", channels.open()}};
+    if (*context == nullptr) {
+        if (const unsigned status = refusal(connection, path, method); status != 0) {
+            return reply(connection, status, "");
+        }
+        *context = new std::string;
+        return MHD_YES;
     }
-    if (method == "channel.frames") {
-        return {{"frames", channels.frames(number(params, "channel"), number(params, "after"))}};
+    std::string &body = *static_cast<std::string *>(*context);
+    if (*length == 0) {
+        auto &server = *static_cast<Server *>(self);
+        const std::string text = answerBody(server.channels, server.rows, body);
+        return reply(connection, text.empty() ? MHD_HTTP_NO_CONTENT : MHD_HTTP_OK, text);
     }
-    throw RpcError{-32601, "Method not found"};
+    if (body.size() + *length > mostBytes) {
+        return MHD_NO; // it came without its length; the connection is closed
+    }
+    body.append(data, *length);
+    *length = 0;
+    return MHD_YES;
 }
 
-Json refusal(const Json &id, const RpcError &error)
+void onRequestEnd(void * /*self*/, MHD_Connection * /*connection*/, void **context,
+                  MHD_RequestTerminationCode /*why*/)
 {
-    say("refused: " + std::string(error.message));
-    return {{"jsonrpc", "2.0"},
-            {"id", id},
-            {"error", {{"code", error.code}, {"message", error.message}}}};
+    delete static_cast<std::string *>(*context);
 }
 
-/// The answer to one request; null for a notification, a request without an id.
-Json answer(Channels &channels, const Json &request)
+/// When all connections are taken, the oldest makes room for the newest. An answer takes no time,
+/// so whoever has been there for longest is not about to ask.
+void onConnection(void *self, MHD_Connection *connection, void ** /*context*/,
+                  MHD_ConnectionNotificationCode code)
 {
-    const Json fields = request.is_object() ? request : Json::object();
-    const Json id = fields.value("id", Json());
-    const Json method = fields.value("method", Json());
-    const Json params = fields.value("params", Json::object());
-    if (fields.value("jsonrpc", Json()) != "2.0" || !method.is_string() ||
-        !params.is_structured() || !(id.is_string() || id.is_number() || id.is_null())) {
-        return refusal(nullptr, {-32600, "Invalid Request"});
+    auto &server = *static_cast<Server *>(self);
+    auto &open = server.connections;
+    if (code == MHD_CONNECTION_NOTIFY_CLOSED) {
+        open.erase(std::remove(open.begin(), open.end(), connection), open.end());
+        return;
     }
-    Json reply;
-    try {
-        reply = {{"jsonrpc", "2.0"}, {"id", id}, {"result", call(channels, method, params)}};
-        say(method);
-    } catch (const RpcError &error) {
-        reply = refusal(id, error);
-    } catch (const std::out_of_range &) {
-        reply = refusal(id, {-32001, "No such channel"});
+    if (open.size() == mostConnections) {
+        const auto what = MHD_CONNECTION_INFO_CONNECTION_FD;
+        shutdown(MHD_get_connection_info(open.front(), what)->connect_fd, SHUT_RDWR);
+        open.pop_front();
     }
-    return fields.contains("id") ? reply : Json();
+    open.push_back(connection);
 }
 
-/// The answer to a body, which is a request or a batch of them; null if it needs none.
-Json answerBody(Channels &channels, const std::string &body)
+/// The launcher's descriptors come along, the one that it reads nginx's output from among them:
+/// kept open here, nginx would wait for a reader for ever once the launcher has been killed.
+void closeInherited()
 {
-    // Values nested deeper than a batch's parameters are dropped: a copy of 30,000 levels takes
-    // more stack than there is.
-    const auto keep = [](int depth, Json::parse_event_t, const Json &) { return depth <= 4; };
-    const Json parsed = Json::parse(body, keep, false);
-    if (parsed.is_discarded()) {
-        return refusal(nullptr, {-32700, "Parse error"});
-    }
-    if (!parsed.is_array()) {
-        return answer(channels, parsed);
-    }
-    if (parsed.empty() || parsed.size() > mostCalls) {
-        return refusal(nullptr, {-32600, "Invalid Request"});
-    }
-    Json replies;
-    for (const Json &request : parsed) {
-        if (const Json reply = answer(channels, request); !reply.is_null()) {
-            replies.push_back(reply);
+    std::error_code error;
+    const std::filesystem::directory_iterator open("/dev/fd", error);
+    std::deque<int> inherited;
+    std::transform(begin(open), end(open), std::back_inserter(inherited),
+                   [](const auto &entry) { return std::stoi(entry.path().filename()); });
+    for (const int descriptor : inherited) {
+        if (descriptor > STDERR_FILENO) {
+            close(descriptor);
         }
     }
-    return replies;
-}
-
-void answerHttp(Channels &channels, httplib::Response &response, const httplib::ContentReader &read)
-{
-    std::string body;
-    const bool complete = read([&body](const char *data, std::size_t length) {
-        body.append(data, length); // counted here: a body may come without its length
-        return body.size() <= mostBytes;
-    });
-    if (body.size() > mostBytes) {
-        response.status = 413;
-    } else if (complete) { // otherwise the library has set a status
-        const Json reply = answerBody(channels, body);
-        response.status = reply.is_null() ? 204 : 200;
-        response.set_content(reply.is_null() ? "" : reply.dump(), "application/json");
-    }
-}
-
-/// Tries for 2.5 seconds: a killed server that this one replaces may hold the port a little longer.
-bool listen(httplib::Server &server)
-{
-    server.set_socket_options([](socket_t socket) {
-        const int yes = 1; // not the library's own SO_REUSEPORT: two servers would share the port
-        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-    });
-    int attempts = 25;
-    while (!server.bind_to_port("127.0.0.1", 4201) && --attempts > 0) {
-        usleep(100'000); // microseconds
-    }
-    return attempts > 0;
 }
 
 } // namespace
 
-int main() // started with neither arguments nor environment, and stopped by SIGKILL
+int main()
 {
     std::signal(SIGPIPE, SIG_IGN);
-    // The launcher's descriptors come along, the one that it reads nginx's output from among them:
-    // kept open here, nginx would wait for a reader for ever once the launcher has been killed.
-    for (int descriptor = 3; descriptor < 1024; ++descriptor) {
-        close(descriptor);
-    }
+    closeInherited();
 
-    httplib::Server server;
-    if (!listen(server)) {
-        say(errno == EADDRINUSE
-                ? "rpcServer: port 4201 is taken by another program, or by a "
-                  "server that a killed launcher left running. End it, then press "
-                  "[Deploy Service] again."
-                : "rpcServer: port 4201: " + std::generic_category().message(errno));
+    const int listener = takePort(rpcPort);
+    if (listener == -1) {
+        Rows::say(errno == EADDRINUSE
+                      ? "rpcServer: port 4201 is taken by another program, or by the server of "
+                        "another launcher. Close that, then press [Deploy Service] again."
+                      : "rpcServer: port 4201: " + std::generic_category().message(errno));
         return 1;
     }
-    say("rpcServer: listening on 127.0.0.1:4201");
-
-    Channels channels;
-    server.set_keep_alive_max_count(1); // an idle connection would hold a thread of the pool
-    server.set_payload_max_length(mostBytes);
-    server.set_error_handler([](const httplib::Request &, const httplib::Response &response) {
-        say("refused: HTTP status " + std::to_string(response.status));
-    });
-    server.Post("/rpc", [&channels](const auto &, auto &response, const auto &read) {
-        answerHttp(channels, response, read);
-    });
-    server.listen_after_bind();
+    Server server;
+    MHD_Daemon *daemon = MHD_start_daemon(
+        MHD_USE_AUTO, 0, nullptr, nullptr, onRequest, &server, MHD_OPTION_LISTEN_SOCKET, listener,
+        // Above the server's own limit: those that were just shut down take their time to go.
+        MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(2 * mostConnections),
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, mostHeaderBytes, MHD_OPTION_CONNECTION_TIMEOUT,
+        idleSeconds, MHD_OPTION_NOTIFY_CONNECTION, onConnection, &server,
+        MHD_OPTION_NOTIFY_COMPLETED, onRequestEnd, nullptr, MHD_OPTION_END);
+    if (daemon == nullptr) {
+        Rows::say("rpcServer: the HTTP library did not start");
+        return 1;
+    }
+    Rows::say("rpcServer: listening on 127.0.0.1:4201");
+    while (MHD_run_wait(daemon, longestWait) == MHD_YES) {
+        server.rows.report();
+    }
 }

@@ -116,7 +116,7 @@ class Archives(Unpacked):
     def test_debian_package_depends_on_nginx_and_on_the_libraries_of_both_programs(self):
         depends = run("dpkg-deb", "--field", built.deb(), "Depends")
         for name in ("nginx", "libc6", "libstdc\\+\\+6", "libqt5core5a", "libqt5widgets5",
-                     "libcpp-httplib"):
+                     "libmicrohttpd"):
             self.assertRegex(depends, f"(^|, ){name}")
 
     def test_menu_entry_starts_a_program_of_the_package(self):

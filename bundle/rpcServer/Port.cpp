@@ -1,0 +1,100 @@
+// A launcher that was killed leaves its server running, which holds the port. The next server asks
+// it for the port: it finds it by the lock that every server keeps on its bundle's directory, for
+// which the kernel names the holder. What it sends is a signal that every other program ignores,
+// that only the same user and root may send, and that a server whose launcher lives ignores too. So
+// no mistake about a process, and no stranger's lock, ends anything.
+
+#include "bundle/rpcServer/Port.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/socket.h>
+#include <unistd.h>
+#ifdef __APPLE__
+#include <mach-o/dyld.h>
+#endif
+
+namespace {
+
+constexpr int giveWaySignal = SIGURG;
+constexpr int attempts = 40;               // a killed server may hold the port a little longer
+constexpr useconds_t retryPause = 100'000; // microseconds
+
+// Whoever started this server. When it ends, the system puts another parent in its place. A
+// signal's handler can look nowhere else:
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
+pid_t launcher;
+
+void giveWay(int /*signal*/)
+{
+    if (getppid() != launcher) {
+        _exit(0);
+    }
+}
+
+/// Not the program itself: a build may have replaced it since the other server started.
+int openOwnDirectory()
+{
+#ifdef __APPLE__
+    char path[4096];
+    std::uint32_t size = sizeof(path);
+    const std::filesystem::path program = _NSGetExecutablePath(path, &size) == 0 ? path : "";
+#else
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+#endif
+    return open(program.parent_path().c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+void askForThePort(int directory)
+{
+    struct flock lock = {};
+    lock.l_type = F_WRLCK; // what a read lock is in the way of
+    lock.l_whence = SEEK_SET;
+    // A holder without a process id here has 0 or less, which would be a group of processes.
+    if (fcntl(directory, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK && lock.l_pid > 0) {
+        kill(lock.l_pid, giveWaySignal);
+    }
+}
+
+void keepLock(int directory)
+{
+    struct flock lock = {};
+    lock.l_type = F_RDLCK;
+    lock.l_whence = SEEK_SET;
+    fcntl(directory, F_SETLK, &lock);
+}
+
+} // namespace
+
+int takePort(int port)
+{
+    launcher = getppid();
+    std::signal(giveWaySignal, giveWay);
+    const int directory = openOwnDirectory(); // stays open, since closing it gives up the lock
+
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    const int yes = 1;
+    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (int left = attempts; left > 0; --left) {
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): as bind() takes them all
+        if (bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0 &&
+            listen(listener, SOMAXCONN) == 0) {
+            keepLock(directory);
+            return listener;
+        }
+        if (errno != EADDRINUSE) {
+            break;
+        }
+        askForThePort(directory);
+        usleep(retryPause);
+    }
+    return -1;
+}
