@@ -25,7 +25,7 @@ def assert_serves_from(assert_nothing_left):
     def check(nginx, base):
         nginx.deploy()
         line, = nginx.output.splitlines()
-        assert f"{nginx.directory}/run cannot be written by this user" in line
+        assert f"{nginx.directory}/run is not a directory that only this user may write in" in line
         assert f"nginx writes in {base}/orvane/" in line
         made, = (base / "orvane").iterdir()
         assert (made / "run/nginx.pid").exists()
@@ -92,10 +92,11 @@ def test_differs_from_bundle_to_bundle(shipped, make_directory):
     assert len(list((runtime / "orvane").iterdir())) == 4
 
 
-def test_mends_a_directory_that_others_can_enter(shipped, make_directory, assert_serves_from):
-    runtime = make_directory("runtime")
-    make_directory("runtime/orvane", mode=0o777)
-    assert_serves_from(shipped(XDG_RUNTIME_DIR=runtime), runtime)
+@pytest.mark.parametrize("mode", [0o707, 0o770])
+def test_is_not_one_that_others_may_write_in(shipped, make_directory, assert_serves_from, mode):
+    runtime, home = make_directory("runtime"), make_directory("home")
+    make_directory("runtime/orvane", mode=mode)
+    assert_serves_from(shipped(XDG_RUNTIME_DIR=runtime, HOME=home), home / ".local/state")
 
 
 @pytest.mark.parametrize("target", ["elsewhere", "nowhere"])
@@ -122,15 +123,46 @@ def test_is_nobody_elses(shipped, make_directory, assert_refuses, user, inner):
     assert [path.name for path in base.iterdir()] == (["orvane"] if inner else [])
 
 
-@takes_root
-def test_is_used_where_the_run_directory_is_another_users(make_nginx, make_directory):
+@pytest.mark.parametrize(("user", "mode"), [
+    pytest.param(STRANGER, 0o700, marks=takes_root), (USER, 0o720), (USER, 0o702), (USER, None)])
+def test_is_used_where_the_run_directory_is_not_this_users_alone(
+        make_nginx, make_directory, user, mode):
     nginx = make_nginx(user=USER)
-    make_directory("orvane.app/nginx/run", STRANGER, 0o777)
+    found = make_directory("run" if mode is None else "orvane.app/nginx/run", user, mode or 0o700)
+    if mode is None:
+        (nginx.directory / "run").symlink_to(found)
     home = make_directory("home")
     nginx.environment = {**Nginx.PLAIN, "HOME": str(home)}
     nginx.deploy()
     assert f"nginx writes in {home}/.local/state/orvane/" in nginx.output
-    assert not nginx.pid_file.exists()
+    assert list(found.iterdir()) == []
+
+
+def test_takes_nothing_over_that_it_finds_in_the_run_directory(make_nginx, make_directory):
+    nginx, elsewhere = make_nginx(), make_directory("elsewhere", ME)
+    kept = elsewhere / "kept"
+    run = make_directory("orvane.app/nginx/run", ME)
+    for name in ("nginx.pid", "nginx.lock", "ipv6.conf"):
+        kept.write_text("mine")
+        (run / name).symlink_to(kept)
+    (run / "proxy").symlink_to(elsewhere)
+    (run / "ipv6x.conf").write_text("nonsense;")
+    nginx.deploy()
+    assert nginx.output == ""
+    assert (list(elsewhere.iterdir()), kept.read_text()) == ([kept], "mine")
+    assert not any(path.is_symlink() for path in run.iterdir())
+    nginx.stop()
+
+
+@takes_root
+@pytest.mark.parametrize(("variable", "value"), [
+    ("HOME", "{}"), ("XDG_STATE_HOME", "{}/state/of/mine")])
+def test_is_not_made_by_root_in_the_home_of_a_user(make_nginx, make_directory, variable, value):
+    home = make_directory("home")
+    nginx = make_nginx(environment={**Nginx.PLAIN, variable: value.format(home)})
+    make_directory("orvane.app/nginx/run", STRANGER)
+    nginx.run("-t")
+    assert list(home.iterdir()) == []
 
 
 @takes_root

@@ -2,11 +2,13 @@
 
 import socket
 
+import psutil
 from steps import close, deploy_real, stop
 
 from drive.browser import Browser
 from drive.bundle import RPC_PORT, SITE_PORT, port_open, site_answers
-from drive.processes import wait_for
+from drive.desktop import Desktop, Launcher
+from drive.processes import running, wait_for
 
 
 def test_deploy_redeploy_stop_and_deploy_again(real, launch):
@@ -26,16 +28,45 @@ def test_close_right_after_deploy(real, launch):
     close(launcher)
 
 
-def test_deploy_after_a_killed_launcher(real, launch):
-    killed = launch(real.program)
-    deploy_real(killed)
-    killed.kill()
-    assert site_answers(), "the services go on"
-    assert len(killed.started()) == 2
-    killed.end()
+def serving(launcher):
+    """Returns the process ids of its children, by the ports that they listen on."""
+    return {connection.laddr.port: child.pid for child in psutil.Process(launcher.pid).children()
+            if running(child) for connection in child.connections()
+            if connection.status == psutil.CONN_LISTEN}
+
+
+def test_one_press_recovers_from_a_killed_launcher(real, launch):
     launcher = launch(real.program)
     deploy_real(launcher)
+    for _ in range(3):
+        launcher.kill()
+        assert site_answers(), "the services go on"
+        assert port_open(RPC_PORT)
+        launcher = launch(real.program)
+        launcher.click("deploy")
+        wait_for("both new services", lambda who=launcher: len(serving(who)) == 2, seconds=5)
     close(launcher)
+
+
+def test_second_launcher_leaves_the_services_of_the_first_alone(real, launch, build, ending):
+    first = launch(real.program)
+    deploy_real(first)
+    before = serving(first)
+    second = ending.enter_context(Launcher(ending.enter_context(Desktop()), real.program, cwd="/",
+                                           landmarks=build / "landmarks"))
+    for button in ("deploy", "deploy", "stop", "deploy"):
+        second.click(button)
+
+    def all_ended():
+        started = psutil.Process(second.pid).children()  # which it never waits for
+        return len(started) == 6 and not any(map(running, started))
+
+    wait_for("the end of all that it has started", all_ended)
+    assert serving(first) == before
+    first.kill()
+    second.click("deploy")
+    wait_for("both services are its own", lambda: len(serving(second)) == 2, seconds=5)
+    close(second)
 
 
 def test_tabs_name_the_ports_that_another_program_has(real, launch, ending, assert_list_shows):
@@ -47,8 +78,8 @@ def test_tabs_name_the_ports_that_another_program_has(real, launch, ending, asse
                       "nginx: port 4200 is taken by another program. Close that program, then "
                       "press [Deploy Service] again.\n")
     assert_list_shows(launcher, "rpc", str(real.rpc), "File found",
-                      "rpcServer: port 4201 is taken by another program, or by a server that a "
-                      "killed launcher left running. End it, then press [Deploy Service] again.\n")
+                      "rpcServer: port 4201 is taken by another program, or by the server of "
+                      "another launcher. Close that, then press [Deploy Service] again.\n")
     for holder in holders:
         holder.close()
     deploy_real(launcher)
