@@ -7,7 +7,7 @@ import subprocess
 import pytest
 from steps import close, deploy_real
 
-from drive.bundle import ask
+from drive.bundle import RPC_PORT, ask
 
 
 @pytest.mark.timeout(600)  # it builds the release preset
@@ -28,5 +28,10 @@ def test_documented_commands_bundle_other_services(project, directory, launch):
     launcher = launch(copy / "build/release/orvane.app/Contents/MacOS/orvane")
     deploy_real(launcher)
     assert "My own product" in ask()[1]
-    assert '"result": "mine"' in ask("/rpc", "{}")[1]
+    json = {"Content-Type": "application/json"}
+    assert '"result": "mine"' in ask("/rpc", "{}", headers=json)[1]
+    for status, foreign in ((403, {"Host": "other.example"}), (415, {"Content-Type": "text/plain"}),
+                            (403, {"Origin": "null"}), (403, {"Sec-Fetch-Site": "same-site"}),
+                            (413, {"Content-Length": "65537"})):
+        assert ask("/rpc", "{}", port=RPC_PORT, headers={**json, **foreign})[0] == status
     close(launcher)
