@@ -1,8 +1,8 @@
 #include "services/Connect.h"
 
-#include "tests/support/Allocations.h"
+#include "tests/support/Apart.h"
 #include "tests/support/Controllers.h"
-#include "tests/support/Crash.h"
+#include "tests/support/Deletions.h"
 #include "tests/support/StandardOutput.h"
 #include "tests/support/Unset.h"
 #include "tests/support/WatchedView.h"
@@ -11,26 +11,12 @@
 
 #include <QApplication>
 
-#include <algorithm>
+#include <exception>
 #include <memory>
 #include <stdexcept>
-#include <type_traits>
 
 using namespace Controllers;
-
-namespace {
-
-/// The coordinator with its fields in the open.
-class Coordinator : public Connect
-{
-public:
-    using Connect::nginx;
-    using Connect::nginxView;
-    using Connect::rpc;
-    using Connect::rpcView;
-};
-
-} // namespace
+using namespace Services;
 
 class ConnectTest : public QObject
 {
@@ -39,45 +25,26 @@ class ConnectTest : public QObject
 private slots:
     void init()
     {
-        CallLog::clear();
+        SystemCalls::recordStops();
         nginxView = std::make_unique<WatchedView<NginxQListView>>(nullptr);
         rpcView = std::make_unique<WatchedView<RpcQListView>>(nullptr);
-        connect = std::make_unique<Coordinator>();
+        connect = std::make_unique<OpenConnect>();
     }
 
     void cleanup()
     {
-        CallLog::clear(); // what a test runs at a call has gone with the test
+        SystemCalls::stop();
         connect.reset();
-        QVERIFY2(Services::allEnded(), "a service is left");
-        Services::removeAll();
+        removeAll();
     }
 
     void startsEmpty()
     {
-        const Unset<Coordinator> unset;
+        const Unset<OpenConnect> unset;
         QCOMPARE(unset->nginx, nullptr);
         QCOMPARE(unset->rpc, nullptr);
         QCOMPARE(unset->rpcView, nullptr);
         QCOMPARE(unset->nginxView, nullptr);
-    }
-
-    void holdsFourPointersInOrder()
-    {
-        QVERIFY((std::is_same_v<decltype(Coordinator::nginx), Nginx *>));
-        QVERIFY((std::is_same_v<decltype(Coordinator::rpc), RpcServer *>));
-        QVERIFY((std::is_same_v<decltype(Coordinator::rpcView), RpcQListView *>));
-        QVERIFY((std::is_same_v<decltype(Coordinator::nginxView), NginxQListView *>));
-        const auto *start = reinterpret_cast<const char *>(connect.get());
-        const auto place = [&](const void *field) {
-            return (static_cast<const char *>(field) - start) /
-                   static_cast<std::ptrdiff_t>(sizeof(void *));
-        };
-        QCOMPARE(place(&connect->nginx), 0);
-        QCOMPARE(place(&connect->rpc), 1);
-        QCOMPARE(place(&connect->rpcView), 2);
-        QCOMPARE(place(&connect->nginxView), 3);
-        QCOMPARE(sizeof(Connect), 4 * sizeof(void *));
     }
 
     void aViewIsOnlyRecordedWhileThereIsNoController()
@@ -87,33 +54,21 @@ private slots:
         QCOMPARE(connect->rpcView, rpcView.get());
         QCOMPARE(connect->nginx, nullptr);
         QCOMPARE(connect->rpc, nullptr);
-        QCOMPARE(nginxView->count(), std::size_t{0});
-        QCOMPARE(rpcView->count(), std::size_t{0});
+        QCOMPARE(nginxView->count() + rpcView->count(), std::size_t{0});
     }
 
     void openingStartsAControllerInItsView()
     {
-        install();
+        installBoth();
         setViews();
         QVERIFY(connect->openNginx());
         QVERIFY(connect->nginx != nullptr);
         QCOMPARE(connect->rpc, nullptr);
         QVERIFY(connect->openRpc());
         QVERIFY(connect->rpc != nullptr);
-        QCOMPARE(rowsOf(nginxView->model()), started(Services::nginx));
-        QCOMPARE(rowsOf(rpcView->model()), started(Services::rpcServer));
+        QCOMPARE(nginxView->rows(), started(nginx));
+        QCOMPARE(rpcView->rows(), started(rpcServer));
         QVERIFY(areIdle(*connect));
-    }
-
-    void aControllerIsStoredBeforeItIsStarted()
-    {
-        setViews();
-        QList<bool> stored;
-        nginxView->atModel = [&] { stored.append(connect->nginx != nullptr); };
-        rpcView->atModel = [&] { stored.append(connect->rpc != nullptr); };
-        connect->openNginx();
-        connect->openRpc();
-        QCOMPARE(stored, QList<bool>({true, true, true, true}));
     }
 
     /// A controller without a view collects its rows; the view that comes later shows them all, and
@@ -123,174 +78,159 @@ private slots:
         connect->openNginx();
         connect->openRpc();
         setViews();
-        QCOMPARE(rowsOf(nginxView->model()), missing(Services::nginx) + missing(Services::nginx));
-        QCOMPARE(rowsOf(rpcView->model()),
-                 missing(Services::rpcServer) + missing(Services::rpcServer));
-        QCOMPARE(nginxView->count(), std::size_t{2});
-        QCOMPARE(rpcView->count(), std::size_t{2});
+        QCOMPARE(nginxView->rows(), missing(nginx) + missing(nginx));
+        QCOMPARE(rpcView->rows(), missing(rpcServer) + missing(rpcServer));
         QCOMPARE(connect->nginxView, nginxView.get());
         QCOMPARE(connect->rpcView, rpcView.get());
     }
 
     void aRedeployStopsEachServiceBeforeItStartsItAgain()
     {
-        install();
+        installBoth();
         deploy();
         const QString oldNginx = killOf(connect->nginx);
         const QString oldRpc = killOf(connect->rpc);
-        CallLog::clear();
+        SystemCalls::recordStops();
         connect->openNginx();
-        QVERIFY(eventually([&] { return isIdleNow(connect->nginx, "nginx starts"); }));
+        QVERIFY(isIdle(connect->nginx, "nginx starts"));
         connect->openRpc();
-        QVERIFY(eventually([&] { return isIdleNow(connect->rpc, "rpc starts"); }));
-        QCOMPARE(CallLog::lines(), QStringList({stopCommand(), "nginx stops", oldNginx,
-                                                "nginx starts", oldRpc, "rpc starts"}));
-        QCOMPARE(rowsOf(nginxView->model()), started(Services::nginx));
-        QCOMPARE(rowsOf(rpcView->model()), started(Services::rpcServer));
-        QVERIFY(areIdle(*connect));
+        QVERIFY(isIdle(connect->rpc, "rpc starts"));
+        QCOMPARE(SystemCalls::lines(), QStringList({stopCommand(), "nginx stops", oldNginx,
+                                                    "nginx starts", oldRpc, "rpc starts"}));
+        QCOMPARE(nginxView->rows(), started(nginx));
+        QCOMPARE(rpcView->rows(), started(rpcServer));
     }
 
-    void aRedeployDeletesTheOldControllerBeforeItMakesTheNew()
+    /// And the new one is known before it starts.
+    void aRedeployDeletesTheOldControllerBeforeItStartsTheNew()
     {
+        setViews();
         connect->openNginx();
         connect->openRpc();
+        QStringList seen;
+        const auto look = [&seen](const void *&old, const auto &current) {
+            return [&] {
+                seen.append(Deletions::happened(old) && current != nullptr ? "right" : "wrong");
+            };
+        };
         const void *oldNginx = connect->nginx;
         const void *oldRpc = connect->rpc;
-        Allocations::record();
+        nginxView->atModel = look(oldNginx, connect->nginx);
+        rpcView->atModel = look(oldRpc, connect->rpc);
+        Deletions::watch(oldNginx, oldRpc);
         connect->openNginx();
         connect->openRpc();
-        const std::vector<Allocations::Event> events = Allocations::recorded();
-        QVERIFY(isDeletedFirst(events, oldNginx, connect->nginx, sizeof(Nginx)));
-        QVERIFY(isDeletedFirst(events, oldRpc, connect->rpc, sizeof(RpcServer)));
-    }
-
-    /// The old one is still there while its stop command runs.
-    void theStopCommandRunsBeforeTheDeletion()
-    {
-        install();
-        deploy();
-        const void *old = connect->nginx;
-        QList<bool> deleted;
-        CallLog::atSystem = [&] { deleted.append(Allocations::wasDeleted(old)); };
-        CallLog::atKill = [&](pid_t) { deleted.append(Allocations::wasDeleted(old)); };
-        Allocations::record();
-        QVERIFY(connect->closeNginx());
-        Allocations::recorded();
-        QCOMPARE(deleted, QList<bool>({false, false}));
-        QVERIFY(Allocations::wasDeleted(old));
+        QCOMPARE(seen, QStringList({"right", "right", "right", "right"}));
     }
 
     void aDeployAfterAStopIsLikeTheFirst()
     {
-        install();
+        installBoth();
         deploy();
         QVERIFY(connect->closeRpc());
         QVERIFY(connect->closeNginx());
-        CallLog::clear();
+        SystemCalls::recordStops();
         deploy();
-        QCOMPARE(CallLog::lines(), QStringList({"nginx starts", "rpc starts"}));
-        QCOMPARE(rowsOf(nginxView->model()), started(Services::nginx));
-        QCOMPARE(rowsOf(rpcView->model()), started(Services::rpcServer));
+        QCOMPARE(SystemCalls::lines(), QStringList({"nginx starts", "rpc starts"}));
+        QCOMPARE(nginxView->rows(), started(nginx));
+        QCOMPARE(rpcView->rows(), started(rpcServer));
     }
 
-    void closingStopsAndForgetsAController()
+    /// nginx's controller is still there while its stop command and the kill run.
+    void closingStopsDeletesAndForgetsAController()
     {
-        install();
+        installBoth();
         deploy();
         const QString nginxKill = killOf(connect->nginx);
         const QString rpcKill = killOf(connect->rpc);
-        CallLog::clear();
+        const void *oldNginx = connect->nginx;
+        const void *oldRpc = connect->rpc;
+        SystemCalls::recordStops();
+        Deletions::watch(oldNginx, oldRpc);
         QVERIFY(connect->closeRpc());
+        QVERIFY(Deletions::happened(oldRpc));
         QCOMPARE(connect->rpc, nullptr);
-        QCOMPARE(CallLog::lines(), QStringList(rpcKill));
+        QCOMPARE(SystemCalls::lines(), QStringList(rpcKill));
+
+        bool tooEarly = false;
+        const auto look = [&] { tooEarly = tooEarly || Deletions::happened(oldNginx); };
+        SystemCalls::at("system", look);
+        SystemCalls::at("kill", look);
         QVERIFY(connect->closeNginx());
+        QVERIFY(!tooEarly);
+        QVERIFY(Deletions::happened(oldNginx));
         QCOMPARE(connect->nginx, nullptr);
-        QCOMPARE(CallLog::lines(), QStringList({rpcKill, stopCommand(), "nginx stops", nginxKill}));
-        QVERIFY(Services::allEnded());
-        QVERIFY(connect->closeRpc());
-        QCOMPARE(CallLog::lines().size(), 4);
+        const QStringList lines{rpcKill, stopCommand(), "nginx stops", nginxKill};
+        QCOMPARE(SystemCalls::lines(), lines);
+        QVERIFY(connect->closeRpc()); // harmless without one
+        QCOMPARE(SystemCalls::lines(), lines);
     }
 
     void aMissingProgramNeedsNoStop()
     {
         setViews();
         const StandardOutput output;
-        connect->openNginx();
-        connect->openRpc();
-        connect->openNginx();
-        connect->openRpc();
+        for (int i = 0; i < 2; ++i) {
+            connect->openNginx();
+            connect->openRpc();
+        }
         QVERIFY(connect->closeRpc());
         QVERIFY(connect->closeNginx());
-        QCOMPARE(CallLog::lines(), QStringList());
+        QCOMPARE(SystemCalls::lines(), QStringList());
         QCOMPARE(output.text(), QByteArray());
-        QCOMPARE(rowsOf(nginxView->model()), missing(Services::nginx));
-        QCOMPARE(rowsOf(rpcView->model()), missing(Services::rpcServer));
-    }
-
-    void closingRpcWithoutOneIsHarmless()
-    {
-        QVERIFY(connect->closeRpc());
-        QCOMPARE(connect->rpc, nullptr);
-        QCOMPARE(CallLog::lines(), QStringList());
+        QCOMPARE(nginxView->rows(), missing(nginx));
+        QCOMPARE(rpcView->rows(), missing(rpcServer));
     }
 
     /// A stop while nothing is deployed: the RPC half returns, then the process dies on the spot.
     void closingNginxWithoutOneIsAnInvalidMemoryAccess()
     {
-        const Crash::End end = Crash::inAnotherProcess([&](const auto &say) {
-            say(connect->closeRpc() ? "closed rpc" : "closeRpc failed");
+        const End end = runApart([&] {
+            SystemCalls::note(connect->closeRpc() ? "closed rpc" : "closeRpc failed");
             connect->closeNginx();
-            say("survived");
+            SystemCalls::note("survived");
         });
-        QCOMPARE(end.said, QByteArray("closed rpc\n"));
-        QVERIFY2(end.wasKilledBy(SIGSEGV), qPrintable(end.text()));
+        QCOMPARE(SystemCalls::childLines(), QStringList("child closed rpc"));
+        QCOMPARE(end.text(), QString("signal %1").arg(SIGSEGV));
     }
 
     void theDestructionStopsRpcThenNginx()
     {
-        install();
+        installBoth();
         deploy();
         const QString nginxKill = killOf(connect->nginx);
         const QString rpcKill = killOf(connect->rpc);
-        CallLog::clear();
+        SystemCalls::recordStops();
         const void *oldRpc = connect->rpc;
         const void *oldNginx = connect->nginx;
         const StandardOutput output;
-        Allocations::record();
+        Deletions::watch(oldRpc, oldNginx);
         connect.reset();
-        Allocations::recorded();
         QCOMPARE(output.text(), QByteArray("Progress stoppedProgress stopped"));
-        QCOMPARE(CallLog::lines(), QStringList({rpcKill, stopCommand(), "nginx stops", nginxKill}));
-        QVERIFY(Allocations::wasDeleted(oldRpc));
-        QVERIFY(Allocations::wasDeleted(oldNginx));
+        QCOMPARE(SystemCalls::lines(),
+                 QStringList({rpcKill, stopCommand(), "nginx stops", nginxKill}));
+        QVERIFY(Deletions::happened(oldRpc));
+        QVERIFY(Deletions::happened(oldNginx));
     }
 
     void theDestructionStopsWhatThereIs()
     {
-        install();
-        setViews();
+        installBoth();
         connect->openNginx();
-        QVERIFY(eventually([&] { return isIdleNow(connect->nginx, "nginx starts"); }));
-        const QString nginxKill = killOf(connect->nginx);
-        CallLog::clear();
-        connect.reset();
-        QCOMPARE(CallLog::lines(), QStringList({stopCommand(), "nginx stops", nginxKill}));
+        QVERIFY(isIdle(connect->nginx, "nginx starts"));
+        QStringList expected{"nginx starts", stopCommand(), "nginx stops", killOf(connect->nginx)};
+        connect = std::make_unique<OpenConnect>();
+        QCOMPARE(SystemCalls::lines(), expected);
 
-        connect = std::make_unique<Coordinator>();
         connect->openRpc();
-        QVERIFY(eventually([&] { return isIdleNow(connect->rpc, "rpc starts"); }));
-        const QString rpcKill = killOf(connect->rpc);
-        CallLog::clear();
-        connect.reset();
-        QCOMPARE(CallLog::lines(), QStringList(rpcKill));
-    }
+        QVERIFY(isIdle(connect->rpc, "rpc starts"));
+        expected << "rpc starts" << killOf(connect->rpc);
+        connect = std::make_unique<OpenConnect>();
+        QCOMPARE(SystemCalls::lines(), expected);
 
-    void theDestructionOfAnIdleOneDoesNothing()
-    {
-        setViews();
         const StandardOutput output;
-        connect.reset();
-        QCOMPARE(CallLog::lines(), QStringList());
+        connect.reset(); // and nothing for an idle one
+        QCOMPARE(SystemCalls::lines(), expected);
         QCOMPARE(output.text(), QByteArray());
     }
 
@@ -306,38 +246,22 @@ private slots:
         QVERIFY(!rpcWatch.isNull());
     }
 
-    void everyDeletionGoesThroughAVirtualDestructor()
-    {
-        QVERIFY(std::has_virtual_destructor_v<Nginx>);
-        QVERIFY(std::has_virtual_destructor_v<RpcServer>);
-    }
-
     /// The stop command is made to throw. Nobody may catch that: the process ends.
     void anExceptionInTheDestructionEndsTheProcess()
     {
-        install();
+        installBoth();
         deploy();
-        const Crash::End end = Crash::inAnotherProcess([&](const auto &say) {
-            std::set_terminate([] { _exit(42); });
-            CallLog::atSystem = [] { throw std::runtime_error("no stop command"); };
+        const End end = runApart([&] {
+            SystemCalls::at("system", [] { throw std::runtime_error("no stop command"); });
             try {
-                say("destroying");
                 connect.reset();
             } catch (const std::runtime_error &) {
-                say("caught");
             }
         });
-        QCOMPARE(end.said, QByteArray("destroying\n"));
-        QVERIFY2(end.exitedWith(42), qPrintable(end.text()));
+        QCOMPARE(end.text(), QString("signal %1").arg(SIGABRT));
     }
 
 private:
-    static void install()
-    {
-        Services::installNginx();
-        Services::installRpcServer();
-    }
-
     void setViews()
     {
         connect->setRpcUi(rpcView.get());
@@ -349,37 +273,14 @@ private:
     {
         setViews();
         QVERIFY(connect->openNginx());
-        QVERIFY(eventually([&] { return isIdleNow(connect->nginx, "nginx starts"); }));
+        QVERIFY(isIdle(connect->nginx, "nginx starts"));
         QVERIFY(connect->openRpc());
         QVERIFY(areIdle(*connect));
     }
 
-    static QStringList started(const QString &program)
-    {
-        return {BundleTest::root() + '/' + program, "File found"};
-    }
-    static QStringList missing(const QString &program)
-    {
-        return {BundleTest::root() + '/' + program, "File not found"};
-    }
-
-    /// Whether, of these two objects, the old one goes before the new one comes. Both may have the
-    /// same address.
-    static bool isDeletedFirst(const std::vector<Allocations::Event> &events, const void *before,
-                               const void *after, std::size_t bytes)
-    {
-        const auto deleted =
-            std::find_if(events.begin(), events.end(), [&](const Allocations::Event &event) {
-                return !event.made && event.address == before;
-            });
-        return std::any_of(deleted, events.end(), [&](const Allocations::Event &event) {
-            return event.made && event.address == after && event.bytes == bytes;
-        });
-    }
-
     std::unique_ptr<WatchedView<NginxQListView>> nginxView;
     std::unique_ptr<WatchedView<RpcQListView>> rpcView;
-    std::unique_ptr<Coordinator> connect;
+    std::unique_ptr<OpenConnect> connect;
 };
 
 BUNDLE_TEST_MAIN(QApplication, ConnectTest)

@@ -1,69 +1,84 @@
 #include "services/RpcServer.h"
-
-#include "tests/services/ControllerTest.h"
+#include "tests/support/Processes.h"
 #include "tests/support/Repaints.h"
+#include "tests/support/Services.h"
+#include "tests/support/WatchedView.h"
 #include "ui/RpcQListView.h"
 
 #include <QApplication>
 
-class RpcServerTest : public ControllerTestOf<RpcServer, RpcQListView>
+#include <memory>
+
+using namespace Services;
+
+/// What only the RPC server's controller does.
+class RpcServerTest : public QObject
 {
     Q_OBJECT
 
-    QString program() const override { return "rpcServer/MacOs/rpcServer"; }
-    void install(const QByteArray &lines) const override { Services::installRpcServer(lines); }
-    QString failure() const override { return "child progress loaded fail\n"; }
-
 private slots:
+    void init()
+    {
+        SystemCalls::recordStops();
+        controller = std::make_unique<RpcServer>();
+    }
+
+    void cleanup()
+    {
+        SystemCalls::stop();
+        controller.reset();
+        removeAll();
+    }
+
     /// What the new model itself asks for is painted while it is installed.
     void theViewIsAskedToRepaintAfterEachModel()
     {
-        Watched view(nullptr);
+        WatchedView<RpcQListView> view(nullptr);
         Repaints repaints(&view);
         QVERIFY(repaints.shownFully);
         view.atModel = [&] { repaints.settle(); };
-        Open controller;
-        controller.view = &view;
-        controller.insertMsg("first");
-        QTRY_COMPARE(repaints.count, 1);
-        controller.insertMsg("second");
-        QTRY_COMPARE(repaints.count, 1);
-        QCOMPARE(view.count(), std::size_t{2});
+        controller->setUi(&view);
+        QVERIFY(eventually([&] { return repaints.count == 1; }, handleEvents));
+        controller->insertMsg("third");
+        QVERIFY(eventually([&] { return repaints.count == 1; }, handleEvents));
+        QCOMPARE(view.count(), std::size_t{3});
     }
 
     void isStartedWithoutArgumentsAndEnvironment()
     {
         qputenv("ORVANE_SEEN", "yes");
-        install(Services::noting("$0 in $PWD with $# arguments"
-                                 " and $(wc -c </proc/$$/environ) bytes of environment"));
-        Open controller;
-        controller.setUi(nullptr);
+        installRpcServer(noting("$0 in $PWD with $# arguments"
+                                " and $(wc -c </proc/$$/environ) bytes of environment"));
+        controller->setUi(nullptr);
         qunsetenv("ORVANE_SEEN");
-        QVERIFY(eventually([] { return CallLog::lines().size() == 2; }));
-        QCOMPARE(CallLog::lines().last(), path() + " in " + QDir::currentPath() +
-                                              " with 0 arguments and 0 bytes of environment");
-        QVERIFY(isIdle(controller));
+        QVERIFY(isIdle(controller.get(), "rpc starts"));
+        QVERIFY(eventually([] { return SystemCalls::lines().size() == 2; }));
+        QCOMPARE(SystemCalls::lines().last(), BundleTest::root() + '/' + rpcServer + " in " +
+                                                  QDir::currentPath() +
+                                                  " with 0 arguments and 0 bytes of environment");
     }
 
     void onlyTheDeletionStopsIt()
     {
-        install({});
-        Watched view(nullptr);
-        auto controller = std::make_unique<Open>();
+        installRpcServer();
+        WatchedView<RpcQListView> view(nullptr);
         controller->setUi(&view);
-        QVERIFY(isIdle(*controller));
-        const std::int32_t child = controller->childPid;
-        controller->abolish();
-        QCOMPARE(CallLog::lines(), QStringList("rpc starts"));
-        QVERIFY(Services::isAlive(child));
+        QVERIFY(isIdle(controller.get(), "rpc starts"));
+        const pid_t child = childOf(*controller);
+        RpcServer::abolish();
+        QCOMPARE(SystemCalls::lines(), QStringList("rpc starts"));
+        QVERIFY(Processes::isAlive(child));
         QVERIFY(controller->getStatus());
-        QCOMPARE(controller->messages, QStringList({path(), "File found"}));
 
+        const QString kill = killOf(controller.get());
         controller.reset();
-        QCOMPARE(CallLog::lines(), QStringList({"rpc starts", QString("kill %1 9").arg(child)}));
-        QVERIFY(eventually([&] { return !Services::isAlive(child); }));
-        QCOMPARE(view.count(), std::size_t{2});
+        QCOMPARE(SystemCalls::lines(), QStringList({"rpc starts", kill}));
+        QVERIFY(eventually([&] { return !Processes::isAlive(child); }));
+        QCOMPARE(view.rows(), started(rpcServer));
     }
+
+private:
+    std::unique_ptr<RpcServer> controller;
 };
 
 BUNDLE_TEST_MAIN(QApplication, RpcServerTest)

@@ -8,6 +8,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
+#include <sys/prctl.h>
+
 /// Support for tests that run inside a throw-away bundle of their own: the install root is where
 /// the executable lies, so the test copies itself into a new bundle and runs from there.
 namespace BundleTest {
@@ -37,6 +40,7 @@ int run(int argc, char **argv)
 {
     Application application(argc, argv);
     if (!root().isEmpty()) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // nothing outlives the run around it
         Test test;
         return QTest::qExec(&test, argc, argv);
     }

@@ -8,27 +8,11 @@
 #include <thread>
 #include <vector>
 
-/// A list view that remembers every model that was installed through the virtual setModel(), and on
-/// which thread.
-template <typename View>
-class WatchedView : public View
+/// Remembers every model that was installed in a view through the virtual setModel(), and on which
+/// thread.
+class Watch
 {
 public:
-    using View::View;
-
-    void setModel(QAbstractItemModel *model) override
-    {
-        View::setModel(model);
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            models.emplace_back(model);
-            threads.push_back(std::this_thread::get_id());
-        }
-        if (atModel) {
-            atModel();
-        }
-    }
-
     std::size_t count() const
     {
         const std::lock_guard<std::mutex> lock(mutex);
@@ -44,9 +28,30 @@ public:
         const std::lock_guard<std::mutex> lock(mutex);
         return threads.at(i);
     }
+    /// The rows of the model installed last.
+    QStringList rows() const { return count() == 0 ? QStringList() : rowsAt(count() - 1); }
+    /// The rows of a list of strings; none for another model.
+    QStringList rowsAt(std::size_t i) const
+    {
+        const auto *list = qobject_cast<const QStringListModel *>(modelAt(i));
+        return list == nullptr ? QStringList() : list->stringList();
+    }
 
     /// Run after a model was installed, on the same thread.
     std::function<void()> atModel;
+
+protected:
+    void installed(QAbstractItemModel *model)
+    {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            models.emplace_back(model);
+            threads.push_back(std::this_thread::get_id());
+        }
+        if (atModel) {
+            atModel();
+        }
+    }
 
 private:
     mutable std::mutex mutex;
@@ -54,9 +59,15 @@ private:
     std::vector<std::thread::id> threads;
 };
 
-/// The rows of a list of strings; none for another model, or for no model.
-inline QStringList rowsOf(const QAbstractItemModel *model)
+template <typename View>
+class WatchedView : public View, public Watch
 {
-    const auto *list = qobject_cast<const QStringListModel *>(model);
-    return list == nullptr ? QStringList() : list->stringList();
-}
+public:
+    using View::View;
+
+    void setModel(QAbstractItemModel *model) override
+    {
+        View::setModel(model);
+        installed(model);
+    }
+};
