@@ -267,10 +267,16 @@ int dup2(int from, int to) noexcept
 
 int poll(pollfd *fds, nfds_t count, int timeout)
 {
+    if (!isOurs(__builtin_return_address(0))) {
+        return nextPoll(fds, count, timeout);
+    }
     if (isRecorded(__builtin_return_address(0))) {
         noteWait(__builtin_return_address(0), "poll", {static_cast<long>(count), timeout});
     }
-    return nextPoll(fds, count, timeout);
+    // Takes a signal that a test holds back, as if it arrived now.
+    const timespec limit{timeout / 1000, timeout % 1000 * 1'000'000L};
+    const sigset_t none{};
+    return ppoll(fds, count, timeout < 0 ? nullptr : &limit, &none);
 }
 
 ssize_t read(int fd, void *buffer, size_t size)
