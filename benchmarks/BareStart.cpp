@@ -124,8 +124,7 @@ void passOrders(Window *window)
         QMetaObject::invokeMethod(
             window, [window, order] { window->obey(order); }, Qt::BlockingQueuedConnection);
     }
-    QMetaObject::invokeMethod(
-        window, [window] { window->close(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(window, [window] { window->close(); }, Qt::QueuedConnection);
 }
 
 } // namespace

@@ -1,8 +1,9 @@
 #include "ui/DeployBtn.h"
+#include "tests/ui/MetaObject.h"
+#include "tests/ui/Parent.h"
 
 #include <QMouseEvent>
 #include <QSignalSpy>
-#include <QTest>
 
 #include <memory>
 
@@ -36,14 +37,14 @@ private slots:
         inherited = std::make_unique<QSignalSpy>(button.get(), &QAbstractButton::clicked);
     }
 
-    void takesItsParent()
+    void hasOneSignal()
     {
-        QWidget parent;
-        const auto *child = new DeployBtn(&parent);
-        QCOMPARE(child->parent(), &parent);
-        QVERIFY(!child->isWindow());
-        QCOMPARE(DeployBtn(nullptr).parent(), nullptr);
+        checkOneSignal(DeployBtn::staticMetaObject, "DeployBtn", "QPushButton", "clicked()");
     }
+
+    void addsNoFields() { QCOMPARE(sizeof(DeployBtn), sizeof(QPushButton)); }
+
+    void takesItsParent() { checkParent<DeployBtn>("DeployBtn"); }
 
     void aLeftPressActsBeforeTheRelease()
     {
@@ -109,7 +110,8 @@ private slots:
 
     void aDoubleClickActsTwice()
     {
-        QTest::mouseClick(button.get(), Qt::LeftButton);
+        send(*button, QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton);
+        send(*button, QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton);
         QCOMPARE(action->count(), 1);
         send(*button, QEvent::MouseButtonDblClick, Qt::LeftButton, Qt::LeftButton);
         QCOMPARE(action->count(), 2);

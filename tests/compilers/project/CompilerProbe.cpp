@@ -34,9 +34,7 @@ int statusOf(void (*scenario)())
 {
     const pid_t child = fork();
     if (child == 0) {
-        struct sigaction action
-        {
-        };
+        struct sigaction action{};
         action.sa_sigaction = onFault;
         action.sa_flags = SA_SIGINFO;
         sigaction(SIGSEGV, &action, nullptr);

@@ -1,0 +1,94 @@
+"""What a configuration says and asks for, on machines that have more or less than this one."""
+
+import json
+import re
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+
+pytestmark = pytest.mark.timeout(600)  # the compiler is tried out each time
+CMAKE, CTEST = shutil.which("cmake"), shutil.which("ctest")
+FRAMEWORKS = ["DiskArbitration", "IOKit", "OpenGL", "AGL"]
+BUILD_TOOLS = """ar as c++ cc date g++ gcc gcc-ar gcc-ranlib ld ninja nm objcopy objdump pkg-config
+    png2icns ranlib readelf rsvg-convert sh strip""".split()
+
+
+class Machine:
+    """Configures the project in a directory."""
+
+    def __init__(self, project, build, directory):
+        self.project, self.built, self.directory = project, build, directory
+        self.build = directory / "build"
+
+    def configure(self, *options, **more):
+        """Returns whether that went well, and what was said."""
+        done = subprocess.run(
+            [CMAKE, "-S", self.project, "-B", self.build, "-G", "Ninja", *options],
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, **more)
+        return done.returncode == 0, done.stdout
+
+    def configure_for_macos(self, frameworks):
+        """The same for macOS, with an SDK that has these frameworks and nothing else."""
+        for name in frameworks:
+            (self.directory / f"SDK/{name}.framework").mkdir(parents=True)
+        qt = re.search("^Qt5_DIR:PATH=(.*)$", (self.built / "CMakeCache.txt").read_text(), re.M)
+        tools = "ORVANE_ICNS_MAKER ORVANE_MACDEPLOYQT CMAKE_INSTALL_NAME_TOOL".split()
+        return self.configure(
+            "-DCMAKE_SYSTEM_NAME=Darwin", "-DCMAKE_OSX_SYSROOT=", "-DCMAKE_OSX_DEPLOYMENT_TARGET=",
+            f"-DCMAKE_FRAMEWORK_PATH={self.directory}/SDK", f"-DQt5_DIR={qt.group(1)}",
+            *(f"-D{tool}=/bin/true" for tool in tools))
+
+
+@pytest.fixture
+def machine(project, build, directory):
+    return Machine(project, build, directory)
+
+
+@pytest.mark.parametrize("preset, errors", [
+    ("dev", True), ("asan", True), ("coverage", True), ("release", False), (None, False)])
+def test_warnings_are_errors_in_the_presets_for_development_alone(machine, preset, errors):
+    well, said = machine.configure(*([f"--preset={preset}"] if preset else []),
+                                  "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON")
+    assert well, said
+    commands = json.loads((machine.build / "compile_commands.json").read_text())
+    own = [entry["command"] for entry in commands if "/process/MyProgress.cpp" in entry["file"]]
+    assert own and all(("-Werror" in command) == errors for command in own)
+
+
+def test_missing_tool_skips_its_test_and_is_named(machine):
+    tools = machine.directory / "bin"
+    tools.mkdir()
+    for name in BUILD_TOOLS:
+        (tools / name).symlink_to(shutil.which(name))
+    elsewhere = ";".join(("/usr/local/sbin", "/usr/local/bin", "/usr/sbin", "/usr/bin", "/sbin",
+                          "/bin", str(Path(CMAKE).parent)))
+    well, said = machine.configure(f"-DCMAKE_IGNORE_PATH={elsewhere}", env={"PATH": str(tools)})
+    assert well, said
+    done = subprocess.run([CTEST, "-R", r"\.needs-"], cwd=machine.build, stdout=subprocess.PIPE,
+                          text=True, check=False)
+    assert done.returncode == 0, done.stdout
+    for test in ("lint.needs-run-clang-tidy-19", "formatting.needs-clang-format-19",
+                 "cppcheck.needs-cppcheck", "clazy.needs-clazy-standalone",
+                 "scripts.needs-shellcheck", "page-markup.needs-tidy", "page-script.needs-node",
+                 "build-clang++-Debug.needs-clang++", "Compilers-clang++-none.needs-clang++",
+                 "endtoend_window.needs-python3"):
+        assert f"{test} (Skipped)" in done.stdout
+
+
+def test_macos_links_the_four_frameworks_and_has_no_tests(machine):
+    well, said = machine.configure_for_macos(FRAMEWORKS)
+    assert well, said
+    assert "The tests need Linux: there are none here" in said
+    link = (machine.build / "build.ninja").read_text()
+    for name in FRAMEWORKS:
+        assert re.search(f"-framework[ ,]{name}", link), name
+
+
+@pytest.mark.parametrize("missing", FRAMEWORKS)
+def test_framework_that_the_macos_sdk_lacks_is_said(machine, missing):
+    well, said = machine.configure_for_macos([name for name in FRAMEWORKS if name != missing])
+    assert well == (missing == "AGL"), said
+    assert ("no longer has the framework AGL" if well else f"lacks the framework {missing}") in said
