@@ -1,20 +1,23 @@
 """What the tests of the packages share: where they are built and what has been made."""
 
-import pathlib
+import json
 import re
 import subprocess
-import unittest
+from pathlib import Path
 
-PROJECT = pathlib.Path(__file__).resolve().parents[2]
+from drive import desktop
+from drive.bundle import ask
+
+PROJECT = Path(__file__).resolve().parents[2]
 BUILD = PROJECT / "build/package"
 PACKAGES = BUILD / "packages"
 APP_ID = "com.orvane.Launcher"
 PACKAGE = "orvane-launcher"
-SYSTEM_APP = pathlib.Path("/opt/orvane/orvane.app")
+SYSTEM_APP = "opt/orvane/orvane.app"  # below the root of a system
 
 
 def run(*command, **options):
-    """The command's standard output. A command that fails shows what it wrote."""
+    """Returns the command's standard output. AssertionError shows what a failed one wrote."""
     done = subprocess.run([str(word) for word in command], stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True, check=False, **options)
     if done.returncode != 0:
@@ -23,13 +26,13 @@ def run(*command, **options):
 
 
 def version():
-    """The one in project(VERSION)."""
+    """Returns the one in project(VERSION)."""
     text = (PROJECT / "CMakeLists.txt").read_text()
     return re.search(r"^project\(orvane VERSION ([0-9.]+)", text, re.MULTILINE).group(1)
 
 
 def only(pattern):
-    """The one package of this version whose name matches."""
+    """Returns the one package whose name matches; AssertionError if it is not one."""
     found = sorted(PACKAGES.glob(pattern))
     if len(found) != 1:
         raise AssertionError(f"expected one {pattern} in {PACKAGES}, found {found}")
@@ -37,18 +40,29 @@ def only(pattern):
 
 
 def deb():
+    """Returns the Debian package of this version."""
     return only(f"{PACKAGE}_{version()}-*.deb")
 
 
-def archive():
-    return only(f"orvane-{version()}-*.tar.gz")
+def menu_entry(root, key):
+    """Returns a value of the menu entry of the system at `root`."""
+    entry = (root / f"usr/share/applications/{APP_ID}.desktop").read_text()
+    return re.search(f"^{key}=(.*)$", entry, re.MULTILINE).group(1)
 
 
 def files(directory):
-    """Every file below it, as a sorted list of relative paths."""
-    return sorted(str(path.relative_to(directory)) for path in pathlib.Path(directory).rglob("*")
+    """Returns every file below it, as a sorted list of relative paths."""
+    return sorted(str(path.relative_to(directory)) for path in Path(directory).rglob("*")
                   if not path.is_dir() or path.is_symlink())
 
 
-class TestCase(unittest.TestCase):
-    maxDiff = None
+def use(launcher, app, look):
+    """A session with the product of the bundle at `app`, with a look() at what runs."""
+    def look_at_the_product():
+        assert ask()[1] == (app / "nginx/html/index.html").read_text()
+        call = json.dumps({"jsonrpc": "2.0", "id": 1, "method": "channel.open"})
+        answer = ask("/rpc", call, headers={"Content-Type": "application/json"})[1]
+        assert json.loads(answer)["result"]["channel"] > 0
+        look()
+
+    desktop.use(launcher, look_at_the_product)

@@ -1,0 +1,210 @@
+"""The installed bundle and the packages hold what they should, and their metadata agree."""
+
+import os
+import plistlib
+import re
+import struct
+import tarfile
+import xml.etree.ElementTree as xml
+
+import pytest
+from built import (APP_ID, BUILD, PACKAGE, PROJECT, SYSTEM_APP, deb, files, menu_entry, only, run,
+                   version)
+from PIL import Image
+
+BUNDLE_FILES = sorted(["Contents/Info.plist", "Contents/MacOS/orvane",
+                       "Contents/Resources/orvane.icns", "rpcServer/MacOs/rpcServer"]
+                      + ["nginx/" + name for name in files(PROJECT / "bundle/nginx")
+                         if not name.startswith("run/")])
+PROGRAMS = ["Contents/MacOS/orvane", "nginx/sbin/nginx", "rpcServer/MacOs/rpcServer"]
+BLUE, RED, WHITE = (100, 149, 237), (255, 19, 3), (255, 255, 255)
+
+
+@pytest.fixture
+def root(directory):
+    """The Debian package, unpacked."""
+    run("dpkg-deb", "--extract", deb(), directory)
+    return directory
+
+
+@pytest.fixture
+def metainfo(root):
+    """What it tells software centres, as XML."""
+    return xml.parse(root / f"usr/share/metainfo/{APP_ID}.metainfo.xml")
+
+
+def assert_programs(app, names):
+    """They can be executed."""
+    for name in names:
+        assert (app / name).stat().st_mode & 0o111, f"{name} is not executable"
+
+
+def assert_is_bundle(app):
+    """It has a bundle's files and no others."""
+    assert files(app) == BUNDLE_FILES
+    assert_programs(app, PROGRAMS)
+
+
+def plist_of(app):
+    """Returns what its Info.plist says."""
+    with (app / "Contents/Info.plist").open("rb") as file:
+        return plistlib.load(file)
+
+
+def test_install_gives_the_bundle_of_the_build_tree_and_nothing_else(directory):
+    run("cmake", "--install", BUILD, "--prefix", directory)
+    assert [entry.name for entry in directory.iterdir()] == ["orvane.app"]
+    app = directory / "orvane.app"
+    assert_is_bundle(app)
+    assert [name for name in files(BUILD / "orvane.app")
+            if not name.startswith("nginx/run/")] == BUNDLE_FILES
+    for name in ("Contents/MacOS/orvane", "rpcServer/MacOs/rpcServer"):
+        dynamic = run("readelf", "--dynamic", app / name)
+        assert "(NEEDED)" in dynamic
+        assert not re.search("RPATH|RUNPATH", dynamic), "it searches a library path of the build"
+
+
+def test_install_takes_an_integrators_services_without_their_run_files(directory):
+    nginx, build = directory / "my+nginx", directory / "build"
+    for name in ("sbin/nginx", "html/a b.html", "html/run/page.html", "run/nginx.pid"):
+        (nginx / name).parent.mkdir(parents=True, exist_ok=True)
+        (nginx / name).write_text(name)
+    (nginx / "sbin/nginx").chmod(0o755)
+    server = directory / "server"
+    server.write_text("integrator's")
+    run("cmake", "-S", PROJECT, "-B", build, "-G", "Ninja", "-DBUILD_TESTING=OFF",
+        f"-DORVANE_NGINX_DIR={nginx}/", f"-DORVANE_RPC_SERVER={server}")
+    # Only the services matter here: what the build would add stands in as an empty file.
+    for name in ("Contents/MacOS/orvane", "Contents/Resources/orvane.icns"):
+        (build / "orvane.app" / name).parent.mkdir(parents=True, exist_ok=True)
+        (build / "orvane.app" / name).touch()
+    run("cmake", "--install", build, "--prefix", directory / "prefix")
+    app = directory / "prefix/orvane.app"
+    assert files(app / "nginx") == ["html/a b.html", "html/run/page.html", "sbin/nginx"]
+    assert files(app / "rpcServer") == ["MacOs/rpcServer"]
+    assert (app / "rpcServer/MacOs/rpcServer").read_text() == "integrator's"
+    assert_programs(app, PROGRAMS[1:])
+
+
+def test_archive_is_the_bundle(directory):
+    with tarfile.open(only(f"orvane-{version()}-*.tar.gz")) as archive:
+        archive.extractall(directory)
+    assert [entry.name for entry in directory.iterdir()] == ["orvane.app"]
+    assert_is_bundle(directory / "orvane.app")
+
+
+def test_debian_package_is_the_bundle_below_opt_and_what_a_desktop_reads(root):
+    app = root / SYSTEM_APP
+    assert_is_bundle(app)
+    sizes = [f"{n}x{n}" for n in (16, 22, 24, 32, 48, 64, 128, 256, 512)]
+    icons = "usr/share/icons/hicolor"
+    assert [name for name in files(root) if not (root / name).is_relative_to(app)] == sorted(
+        [f"{icons}/{size}/apps/{APP_ID}.png" for size in sizes]
+        + [f"{icons}/scalable/apps/{APP_ID}.svg",
+           f"usr/share/applications/{APP_ID}.desktop",
+           f"usr/share/doc/{PACKAGE}/changelog.Debian.gz",
+           f"usr/share/doc/{PACKAGE}/changelog.gz",
+           f"usr/share/doc/{PACKAGE}/copyright",
+           f"usr/share/lintian/overrides/{PACKAGE}",
+           f"usr/share/metainfo/{APP_ID}.metainfo.xml"])
+
+
+def test_everybody_may_read_the_debian_package_and_only_root_write():
+    for line in run("dpkg-deb", "--contents", deb()).splitlines():
+        assert re.match("(drwxr-xr-x|-rwxr-xr-x|-rw-r--r--) root/root ", line), line
+
+
+@pytest.mark.parametrize("name", ["nginx", "libc6", r"libstdc\+\+6", "libqt5core5a",
+                                  "libqt5widgets5", "libmicrohttpd"])
+def test_debian_package_depends_on_nginx_and_on_the_libraries_of_both_programs(name):
+    assert re.search(f"(^|, ){name}", run("dpkg-deb", "--field", deb(), "Depends"))
+
+
+def test_menu_entry_starts_a_program_of_the_package(root):
+    program = menu_entry(root, "Exec")
+    assert not re.search(r"\s", program)
+    assert (root / program.lstrip("/")).is_file()
+    assert menu_entry(root, "Icon") == APP_ID
+
+
+def test_projects_version_is_everywhere(root, metainfo):
+    plist = plist_of(root / SYSTEM_APP)
+    newest = re.search(r"^## \[([0-9.]+)\] - (\S+)$", (PROJECT / "CHANGELOG.md").read_text(),
+                       re.MULTILINE)
+    release = metainfo.find("releases/release")
+    debian = run("dpkg-deb", "--field", deb(), "Version").strip()
+    log = run("dpkg-parsechangelog", "--file",
+              root / f"usr/share/doc/{PACKAGE}/changelog.Debian.gz", "--show-field", "Version")
+    found = {"Info.plist": plist["CFBundleVersion"],
+             "Info.plist, short": plist["CFBundleShortVersionString"],
+             "package": debian.rpartition("-")[0],
+             "Debian changelog": log.strip().rpartition("-")[0],
+             "metadata": release.get("version"),
+             "CHANGELOG.md": newest.group(1)}
+    assert found == dict.fromkeys(found, version())
+    assert release.get("date") == newest.group(2)
+
+
+def test_info_plist_names_the_program_and_its_icon():
+    app = BUILD / "orvane.app"
+    plist = plist_of(app)
+    assert (app / "Contents/MacOS" / plist["CFBundleExecutable"]).is_file()
+    assert (app / "Contents/Resources" / plist["CFBundleIconFile"]).is_file()
+    assert plist["CFBundleIdentifier"] == APP_ID
+    assert plist["CFBundlePackageType"] == "APPL"
+    assert plist["NSHighResolutionCapable"] is True
+    assert re.fullmatch(r"\d+\.\d+", plist["LSMinimumSystemVersion"])
+
+
+def test_no_licence_is_claimed(root, metainfo):
+    assert metainfo.findtext("project_license") == "LicenseRef-proprietary"
+    words = (root / f"usr/share/doc/{PACKAGE}/copyright").read_text()
+    assert "LicenseRef-proprietary" in words
+    assert "No licence has been chosen" in words
+
+
+@pytest.mark.timeout(300)  # lintian takes its time
+def test_platforms_own_checks_find_nothing(root):
+    assert run("desktop-file-validate", root / f"usr/share/applications/{APP_ID}.desktop") == ""
+    run("appstreamcli", "validate", "--no-net",
+        root / f"usr/share/metainfo/{APP_ID}.metainfo.xml")
+    run("lintian", "--fail-on", "error,warning", "--allow-root", deb(),
+        env={**os.environ, "TMPDIR": str(root)})  # it does not clean up after itself
+
+
+def test_icon_of_each_size_is_drawn_in_the_windows_colours(root):
+    pngs = sorted((root / "usr/share/icons/hicolor").glob("*x*/apps/*.png"))
+    assert len(pngs) == 9
+    for png in pngs:
+        size = int(png.parts[-3].partition("x")[0])
+        with Image.open(png) as image:
+            assert image.size == (size, size)
+            opaque = {pixel[:3] for _, pixel in image.convert("RGBA").getcolors(size * size)
+                      if pixel[3] == 255}
+        assert opaque >= {BLUE, RED, WHITE}, png
+
+
+def test_bundles_icon_holds_each_size_of_macos():
+    path = BUILD / "orvane.app/Contents/Resources/orvane.icns"
+    data = path.read_bytes()
+    assert struct.unpack(">4sI", data[:8]) == (b"icns", len(data))
+    with Image.open(path) as icon:
+        sizes = {width * scale for width, _, scale in icon.info["sizes"]}
+    assert sizes >= {16, 32, 128, 256, 512, 1024}
+
+
+def test_translators_template_holds_exactly_the_windows_texts():
+    run("cmake", "--build", BUILD, "--target", "translations")
+    template = xml.parse(BUILD / "translations/orvane.ts").getroot()
+    assert [context.findtext("name") for context in template.iter("context")] == ["MainWindow"]
+    assert sorted(source.text for source in template.iter("source")) == sorted([
+        "MainWindow", "Orvane Launcher", "Directions", "RPC Service", "Nginx",
+        "Deploy Servicde", "Stop Service",
+        "[About Start] Please click the [Deploy Service] bottom.Then ope the "
+        "(Chrome/Firefox) browser,type \"http://localhost:4200\" into the URL blank,go in. ",
+        "[About Close] Please check that all your device playing has been stopped.Then "
+        "click the [Stop Service] buttom to stop all orvane services",
+        "[About Restart] If you find that the DPS number(onthe right top side of the "
+        "video window) always been 0 while you had opened the channel.You can try to "
+        "restart the services by clicking the [Deploy Service] bottom again"])
+    assert list(template.iter("comment")) == []
