@@ -11,7 +11,7 @@ from pathlib import Path
 
 import psutil
 from PIL import ImageGrab
-from Xlib import X, XK, Xatom, display, error
+from Xlib import XK, X, Xatom, display, error
 from Xlib.ext import xtest
 from Xlib.protocol import event
 

@@ -8,7 +8,6 @@ from pathlib import Path
 
 import pytest
 
-
 pytestmark = pytest.mark.timeout(600)  # the compiler is tried out each time
 CMAKE, CTEST = shutil.which("cmake"), shutil.which("ctest")
 FRAMEWORKS = ["DiskArbitration", "IOKit", "OpenGL", "AGL"]
@@ -51,7 +50,7 @@ def machine(project, build, directory):
     ("dev", True), ("asan", True), ("coverage", True), ("release", False), (None, False)])
 def test_warnings_are_errors_in_the_presets_for_development_alone(machine, preset, errors):
     well, said = machine.configure(*([f"--preset={preset}"] if preset else []),
-                                  "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON")
+                                   "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON")
     assert well, said
     commands = json.loads((machine.build / "compile_commands.json").read_text())
     own = [entry["command"] for entry in commands if "/process/MyProgress.cpp" in entry["file"]]
