@@ -25,7 +25,7 @@
 namespace {
 
 constexpr int stopsOfALauncher = 100; // each start leaves a descriptor and a thread's stack behind
-constexpr unsigned hangSeconds = 30;  // for all stops of one launcher
+constexpr unsigned hangSeconds = 30;  // for one stop
 
 using Dice = std::mt19937;
 
@@ -76,6 +76,7 @@ void stopAgainAndAgain(int &stops, int most, Dice dice)
     connect.setNginxUi(nginxView);
     bool deployed = false;
     for (pid_t nginx = -1, rpc = -1; stops < most; ++stops) {
+        alarm(hangSeconds);
         if (!deployed) {
             connect.openNginx();
             nginx = nextService();
@@ -105,7 +106,6 @@ int liveOnce(int &stops, int most, unsigned seed, std::FILE *errors)
 {
     const pid_t launcher = fork();
     if (launcher == 0) {
-        alarm(hangSeconds);
         dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
         dup2(fileno(errors), STDERR_FILENO);
         stopAgainAndAgain(stops, most, Dice(seed));
