@@ -3,8 +3,6 @@
 #include "tests/support/Controllers.h"
 #include "tests/support/Deletions.h"
 #include "tests/support/StandardOutput.h"
-#include "tests/support/Unset.h"
-#include "tests/support/Warnings.h"
 #include "ui/DeployBtn.h"
 #include "ui/NginxQListView.h"
 #include "ui/RpcQListView.h"
@@ -57,7 +55,6 @@ private slots:
     void init()
     {
         SystemCalls::recordStops();
-        const Warnings silenced;
         window = std::make_unique<MainWindow>(nullptr);
         deployButton = window->findChild<DeployBtn *>("pushButton");
         stopButton = window->findChild<DeployBtn *>("pushButton_2");
@@ -84,16 +81,8 @@ private slots:
         QCOMPARE(fieldsOf(*window)[1], connect);
     }
 
-    void startsWithoutACoordinatorAndDeletesNone()
-    {
-        const Warnings silenced;
-        const Unset<MainWindow> unset(nullptr);
-        QCOMPARE(fieldsOf(*unset)[1], nullptr);
-    }
-
     void takesItsParentAndNoFlags()
     {
-        const Warnings silenced;
         QMainWindow parent;
         const auto *child = new MainWindow(&parent);
         QCOMPARE(child->parent(), &parent);
@@ -106,27 +95,22 @@ private slots:
     /// a null name depends on its version.
     void makesTwoConnectionsAndGetsTwoWarnings()
     {
-        Warnings warnings;
-        QList<int> connections; // when the first warning comes
-        warnings.atText = [&] {
-            for (const QWidget *widget : QApplication::allWidgets()) {
-                if (widget != deployButton && widget != stopButton && warnings.texts.size() == 1 &&
-                    qobject_cast<const DeployBtn *>(widget) != nullptr) {
-                    connections.append(Counted::connections(widget, SIGNAL(clicked())));
-                }
-            }
-        };
+        static QStringList warnings;
+        warnings.clear();
+        const auto before = qInstallMessageHandler(
+            [](QtMsgType type, const QMessageLogContext &, const QString &text) {
+                warnings << QString("%1, %2 connected").arg(type).arg(connections());
+                warnings << text;
+            });
         const MainWindow second(nullptr);
-        QCOMPARE(connections, QList<int>({1, 1}));
-        QCOMPARE(warnings.texts.size(), 2);
+        qInstallMessageHandler(before);
         const QString rejected =
-            "^warning: QObject::connect: Cannot connect %1::%2 to MainWindow::\\(null(ptr)?\\)$";
-        const QRegularExpression first(rejected.arg("RpcQListView", "updated\\(\\)"));
-        const QRegularExpression last(rejected.arg("NginxQListView", "nginxUpdatad\\(\\)"));
-        QVERIFY2(first.match(warnings.texts.at(0)).hasMatch(), qPrintable(warnings.texts.at(0)));
-        QVERIFY2(last.match(warnings.texts.at(1)).hasMatch(), qPrintable(warnings.texts.at(1)));
-        QCOMPARE(Counted::connections(rpcView, SIGNAL(updated())), 0);
-        QCOMPARE(Counted::connections(nginxView, SIGNAL(nginxUpdated())), 0);
+            "^1, 4 connected\nQObject::connect: Cannot connect RpcQListView::updated\\(\\) to "
+            "MainWindow::\\(null(ptr)?\\)\n1, 4 connected\nQObject::connect: Cannot connect "
+            "NginxQListView::nginxUpdatad\\(\\) to MainWindow::\\(null(ptr)?\\)$";
+        const QString seen = warnings.join('\n');
+        QVERIFY2(QRegularExpression(rejected).match(seen).hasMatch(), qPrintable(seen));
+        QCOMPARE(connections(), 4);
     }
 
     /// The toolkit's automatic type: at once on the window's thread, and through its event loop
@@ -154,7 +138,6 @@ private slots:
     /// With controllers that are there already, each view starts its own again.
     void handsTheRpcViewOverBeforeTheNginxView()
     {
-        const Warnings silenced;
         MainWindow other(nullptr);
         auto *deployed = new Connect;
         deployed->openNginx();
@@ -200,14 +183,12 @@ private slots:
         const QAbstractItemModel *models[] = {nginxView->model(), rpcView->model()};
         const Nginx *nginx = nginxOf(*connect);
         const StandardOutput output;
-        const Warnings warnings;
         QVERIFY(QMetaObject::invokeMethod(window.get(), "loadNginxList"));
         QVERIFY(QMetaObject::invokeMethod(window.get(), "loadRpcList"));
         QCOMPARE(nginxView->model(), models[0]);
         QCOMPARE(rpcView->model(), models[1]);
         QCOMPARE(nginxOf(*connect), nginx);
         QCOMPARE(output.text(), QByteArray());
-        QCOMPARE(warnings.texts, QStringList());
     }
 
     void theDestructionStopsTheServicesWhileTheListsExist()
@@ -242,6 +223,22 @@ private slots:
     }
 
 private:
+    /// Of all the buttons and lists that there are, this window's among them.
+    static int connections()
+    {
+        int count = 0;
+        for (const QWidget *widget : QApplication::allWidgets()) {
+            if (qobject_cast<const DeployBtn *>(widget) != nullptr) {
+                count += Counted::connections(widget, SIGNAL(clicked()));
+            } else if (qobject_cast<const RpcQListView *>(widget) != nullptr) {
+                count += Counted::connections(widget, SIGNAL(updated()));
+            } else if (qobject_cast<const NginxQListView *>(widget) != nullptr) {
+                count += Counted::connections(widget, SIGNAL(nginxUpdated()));
+            }
+        }
+        return count;
+    }
+
     static void press(DeployBtn *button) { QTest::mousePress(button, Qt::LeftButton); }
 
     std::unique_ptr<MainWindow> window;

@@ -231,7 +231,7 @@ private slots:
         QVERIFY(eventually([&] { return Processes::program(runner->childPid) == "tail"; }));
         const QString readEnd = QString::number(runner->pipeFds[0]);
         const QString writeEnd = QString::number(runner->pipeFds[1]);
-        QCOMPARE(SystemCalls::childLines(),
+        QCOMPARE(SystemCalls::lines(true),
                  (QStringList{"child close " + readEnd, "child dup2 " + writeEnd + " 1",
                               "child dup2 " + writeEnd + " 2", "child Child progress ready"}));
     }

@@ -3,7 +3,6 @@
 #include "tests/support/Processes.h"
 #include "tests/support/Services.h"
 #include "tests/support/StandardOutput.h"
-#include "tests/support/Unset.h"
 #include "tests/support/WatchedView.h"
 #include "ui/NginxQListView.h"
 #include "ui/RpcQListView.h"
@@ -27,7 +26,6 @@ struct Tested
     virtual ~Tested() = default;
     virtual MyProgress &controller() = 0;
     virtual QStringList &messages() = 0;
-    virtual bool hasView() const = 0;
     virtual void giveView() = 0; ///< without a start
     virtual void setUi() = 0;
     virtual void abolish() = 0;
@@ -58,17 +56,16 @@ struct TestedOf : Tested
         const std::thread::id testThread = std::this_thread::get_id();
     };
 
-    MyProgress &controller() override { return **open; }
-    QStringList &messages() override { return (*open)->messages; }
-    bool hasView() const override { return (*open)->view != nullptr; }
-    void giveView() override { (*open)->view = &watched; }
-    void setUi() override { (*open)->setUi(&watched); }
-    void abolish() override { (*open)->abolish(); }
+    MyProgress &controller() override { return open; }
+    QStringList &messages() override { return open.messages; }
+    void giveView() override { open.view = &watched; }
+    void setUi() override { open.setUi(&watched); }
+    void abolish() override { open.abolish(); }
     QListView &widget() override { return watched; }
     Watch &view() override { return watched; }
 
     WatchedView<View> watched{nullptr};
-    std::unique_ptr<Unset<Open>> open = std::make_unique<Unset<Open>>(*this);
+    Open open{*this};
 };
 
 struct TestedNginx : TestedOf<Nginx, NginxQListView>
@@ -123,14 +120,6 @@ private slots:
         SystemCalls::stop();
         tested.reset();
         removeAll();
-    }
-
-    void startsWithoutViewAndMessages()
-    {
-        QVERIFY(!tested->hasView());
-        QCOMPARE(tested->messages(), QStringList());
-        QVERIFY(!tested->controller().getStatus());
-        QCOMPARE(tested->controller().getBasePath(), BundleTest::root().toStdString());
     }
 
     void dropsAnEmptyMessage()

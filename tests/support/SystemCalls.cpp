@@ -2,13 +2,11 @@
 
 #include <QFile>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <initializer_list>
-#include <iterator>
 #include <map>
 #include <poll.h>
 #include <pthread.h>
@@ -127,13 +125,10 @@ Next<int(pollfd *, nfds_t, int)> nextPoll{"poll"};
 Next<ssize_t(int, void *, size_t)> nextRead{"read"};
 Next<int(useconds_t)> nextUsleep{"usleep"};
 Next<int(pid_t, int)> nextKill{"kill"};
-Next<pid_t(pid_t, int *, int)> nextWaitpid{"waitpid"};
 Next<int(const char *)> nextSystem{"system"};
 Next<int(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *)> nextCreate{
     "pthread_create"};
 Next<int(pthread_t)> nextCancel{"pthread_cancel"};
-Next<int(pthread_t, void **)> nextJoin{"pthread_join"};
-Next<int(pthread_t)> nextDetach{"pthread_detach"};
 
 [[gnu::constructor]] void prepare()
 {
@@ -142,25 +137,6 @@ Next<int(pthread_t)> nextDetach{"pthread_detach"};
     nextUsleep.find();
     logFile = memfd_create("log", MFD_CLOEXEC);
     fcntl(logFile, F_SETFL, O_APPEND);
-}
-
-QStringList allLines()
-{
-    QFile file(SystemCalls::logPath());
-    if (!file.open(QIODevice::ReadOnly)) {
-        qFatal("cannot read the log");
-    }
-    return QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
-}
-
-/// "child ..." where @p forked, all others elsewhere.
-QStringList linesOf(bool forked)
-{
-    const QStringList all = allLines();
-    QStringList found;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(found),
-                 [&](const QString &line) { return line.startsWith("child ") == forked; });
-    return found;
 }
 
 void start(Recording what, const bool *flag)
@@ -208,14 +184,19 @@ QByteArray SystemCalls::logPath()
     return "/proc/" + QByteArray::number(testProcess) + "/fd/" + QByteArray::number(logFile);
 }
 
-QStringList SystemCalls::lines()
+QStringList SystemCalls::lines(bool ofChildren)
 {
-    return linesOf(false);
-}
-
-QStringList SystemCalls::childLines()
-{
-    return linesOf(true);
+    QFile file(logPath());
+    if (!file.open(QIODevice::ReadOnly)) {
+        qFatal("cannot read the log");
+    }
+    QStringList found;
+    for (const QString &line : QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts)) {
+        if (line.startsWith("child ") == ofChildren) {
+            found.append(line);
+        }
+    }
+    return found;
 }
 
 void SystemCalls::failNext(const char *name, int error)
@@ -319,12 +300,6 @@ int kill(pid_t process, int signal) noexcept
     return nextKill(process, signal);
 }
 
-pid_t waitpid(pid_t process, int *status, int options)
-{
-    begin(__builtin_return_address(0), "waitpid", {process});
-    return nextWaitpid(process, status, options);
-}
-
 int system(const char *command)
 {
     begin(__builtin_return_address(0), "system", {}, QByteArray(" ") + command);
@@ -344,18 +319,6 @@ int pthread_cancel(pthread_t thread)
 {
     begin(__builtin_return_address(0), "pthread_cancel");
     return nextCancel(thread);
-}
-
-int pthread_join(pthread_t thread, void **result)
-{
-    begin(__builtin_return_address(0), "pthread_join");
-    return nextJoin(thread, result);
-}
-
-int pthread_detach(pthread_t thread) noexcept
-{
-    begin(__builtin_return_address(0), "pthread_detach");
-    return nextDetach(thread);
 }
 
 /// Leaks are looked for in the test's own process: one that was forked holds copies of everything,

@@ -9,7 +9,7 @@
 /// Takes the place of the C library's calls that the launcher makes: notes each in one log, in
 /// order, and hands it on. Linked into whatever has a runner, so that none, however broken, can
 /// signal every process there is.
-/// pipe fork close dup2 poll read usleep kill waitpid system pthread_create _cancel _join _detach
+/// pipe fork close dup2 poll read usleep kill system pthread_create pthread_cancel
 ///
 /// Noted are the calls of this program's own code, not those of a library, on the thread that
 /// called record() and in the processes that it forks. A line is the call's name and its numbers:
@@ -27,9 +27,9 @@ void stop();
 /// Adds a line of the test's own. Other programs append theirs to the file at logPath().
 void note(const QByteArray &line);
 QByteArray logPath();
-/// The lines so far, or those of the processes that this one has forked.
-QStringList lines();
-QStringList childLines();
+/// The lines so far, without those of the processes that this one has forked ("child ..."), or
+/// these alone.
+QStringList lines(bool ofChildren = false);
 
 /// The next call of that name fails.
 void failNext(const char *name, int error);

@@ -2,7 +2,6 @@
 
 #include <QFontMetrics>
 #include <QMetaEnum>
-#include <QPointer>
 #include <QProxyStyle>
 #include <QStyleFactory>
 #include <QTest>
@@ -61,18 +60,6 @@ public:
     }
 
     mutable QStringList asked;
-};
-
-/// A window with a slot that the toolkit connects by its name.
-class NamedSlots : public QMainWindow
-{
-    Q_OBJECT
-
-public:
-    int presses = 0;
-
-private slots:
-    void on_pushButton_clicked() { ++presses; }
 };
 
 /// A layout and all in it as text, one line an item: the class and name, or the numbers of a
@@ -336,35 +323,6 @@ private slots:
             expected.append("MainWindow|none|-1|" + text);
         }
         QCOMPARE(texts.asked, expected);
-    }
-
-    void aTitleGoesToItsPageWhereverThatIs()
-    {
-        form->tabWidget->tabBar()->moveTab(0, 2);
-        for (int i = 0; i < 3; ++i) {
-            form->tabWidget->setTabText(i, QString());
-        }
-        form->retranslateUi(window.get());
-        QCOMPARE(form->tabWidget->tabText(0), "RPC Service");
-        QCOMPARE(form->tabWidget->tabText(1), "Nginx");
-        QCOMPARE(form->tabWidget->tabText(2), "Directions");
-    }
-
-    void slotsOfTheWindowAreConnectedByName()
-    {
-        NamedSlots named;
-        form->setupUi(&named);
-        QTest::mousePress(form->pushButton, Qt::LeftButton);
-        QCOMPARE(named.presses, 1);
-    }
-
-    void theHolderOwnsNothing()
-    {
-        const QPointer<QObject> tabs(form->tabWidget);
-        const QPointer<QObject> layout(form->horizontalLayout_9);
-        form.reset();
-        QVERIFY(!tabs.isNull());
-        QVERIFY(!layout.isNull());
     }
 
     void opensAtItsSizeWithTheDirectionsInFront()
