@@ -17,6 +17,9 @@ from drive.processes import wait_for
 LISTENING = "rpcServer: listening on 127.0.0.1:4201\n"
 PARSE_ERROR, INVALID_REQUEST, UNKNOWN_METHOD, INVALID_PARAMS, NO_SUCH_CHANNEL = (
     -32700, -32600, -32601, -32602, -32001)
+MESSAGES = {PARSE_ERROR: "Parse error", INVALID_REQUEST: "Invalid Request",
+            UNKNOWN_METHOD: "Method not found", INVALID_PARAMS: "Invalid params",
+            NO_SUCH_CHANNEL: "No such channel"}
 MOST_BYTES = 64 * 1024
 FRAMES = {"channel": 1, "after": 0}
 
@@ -97,14 +100,13 @@ def server(start):
     (INVALID_PARAMS, 1, request("channel.frames", {"channel": 1, "after": [[[[[0]]]]]})),
     (NO_SUCH_CHANNEL, 1, request("channel.frames", {"channel": 0, "after": 0})),
     (NO_SUCH_CHANNEL, 1, request("channel.frames", {"channel": 2 ** 64 - 1, "after": 0}))])
-def test_answers_an_error_with_its_code_and_id(server, code, identity, body):
+def test_answers_an_error_with_its_code_message_and_id(server, code, identity, body):
     assert open_channel() == 1
     status, text = post(body)
     answer = json.loads(text)
-    assert (status, answer["error"]["code"]) == (200, code)
-    assert (answer["jsonrpc"], answer["id"]) == ("2.0", identity)
-    assert answer["error"]["message"]
-    assert "result" not in answer
+    assert status == 200
+    assert answer == {"jsonrpc": "2.0", "id": identity,
+                      "error": {"code": code, "message": MESSAGES[code]}}
 
 
 @pytest.mark.parametrize("identity", [0, -5, 2 ** 53, "text", "", None])
