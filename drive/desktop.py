@@ -49,8 +49,9 @@ class Desktop:
             ready, ready_end = os.pipe()
             with open(ready, encoding="ascii") as answer:
                 server = subprocess.Popen(
-                    ["Xvfb", f":{number}", "-screen", "0", screen, "-displayfd", str(ready_end),
-                     "-nolisten", "tcp", "-nolisten", "unix", "-noreset"],
+                    ["Xvfb", f":{number}", "-screen", "0", screen, "-dpi", "96",
+                     "-displayfd", str(ready_end), "-noreset",
+                     "-nolisten", "tcp", "-nolisten", "unix"],
                     pass_fds=[ready_end], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                     stderr=subprocess.DEVNULL, start_new_session=True)
                 os.close(ready_end)

@@ -29,7 +29,8 @@ else()
 nginx and an RPC server, another stops them. What each service writes is
 shown on a tab of its own. The product itself runs in a web browser, at port
 4200 of this machine.")
-    set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_BINARY_DIR}/linux/prerm)
+    set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+        ${CMAKE_CURRENT_BINARY_DIR}/linux/postinst ${CMAKE_CURRENT_BINARY_DIR}/linux/prerm)
     set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 endif()
 configure_file(Generator.cmake.in Generator.cmake @ONLY)

@@ -13,10 +13,10 @@ from built import (APP_ID, BUILD, PACKAGE, PROJECT, SYSTEM_APP, deb, files, menu
 from PIL import Image
 
 BUNDLE_FILES = sorted(["Contents/Info.plist", "Contents/MacOS/orvane",
-                       "Contents/Resources/orvane.icns", "rpcServer/MacOs/rpcServer"]
+                       "Contents/MacOS/orvane-launcher", "Contents/Resources/orvane.icns", "rpcServer/MacOs/rpcServer"]
                       + ["nginx/" + name for name in files(PROJECT / "bundle/nginx")
                          if not name.startswith("run/")])
-PROGRAMS = ["Contents/MacOS/orvane", "nginx/sbin/nginx", "rpcServer/MacOs/rpcServer"]
+PROGRAMS = ["Contents/MacOS/orvane", "Contents/MacOS/orvane-launcher", "nginx/sbin/nginx", "rpcServer/MacOs/rpcServer"]
 BLUE, RED, WHITE = (100, 149, 237), (255, 19, 3), (255, 255, 255)
 
 
@@ -100,7 +100,7 @@ def test_debian_package_is_the_bundle_below_opt_and_what_a_desktop_reads(root):
     icons = "usr/share/icons/hicolor"
     assert [name for name in files(root) if not (root / name).is_relative_to(app)] == sorted(
         [f"{icons}/{size}/apps/{APP_ID}.png" for size in sizes]
-        + [f"{icons}/scalable/apps/{APP_ID}.svg",
+        + ["usr/bin/orvane-launcher", f"{icons}/scalable/apps/{APP_ID}.svg",
            f"usr/share/applications/{APP_ID}.desktop",
            f"usr/share/doc/{PACKAGE}/changelog.Debian.gz",
            f"usr/share/doc/{PACKAGE}/changelog.gz",
@@ -111,19 +111,19 @@ def test_debian_package_is_the_bundle_below_opt_and_what_a_desktop_reads(root):
 
 def test_everybody_may_read_the_debian_package_and_only_root_write():
     for line in run("dpkg-deb", "--contents", deb()).splitlines():
-        assert re.match("(drwxr-xr-x|-rwxr-xr-x|-rw-r--r--) root/root ", line), line
+        assert re.match("(drwxr-xr-x|-rwxr-xr-x|-rw-r--r--|lrwxrwxrwx) root/root ", line), line
 
 
-@pytest.mark.parametrize("name", ["nginx", "libc6", r"libstdc\+\+6", "libqt5core5a",
+@pytest.mark.parametrize("name", ["nginx", "libc6", r"libstdc\+\+6", "libqt5core5(a|t64)",
                                   "libqt5widgets5", "libmicrohttpd"])
 def test_debian_package_depends_on_nginx_and_on_the_libraries_of_both_programs(name):
     assert re.search(f"(^|, ){name}", run("dpkg-deb", "--field", deb(), "Depends"))
 
 
 def test_menu_entry_starts_a_program_of_the_package(root):
-    program = menu_entry(root, "Exec")
-    assert not re.search(r"\s", program)
-    assert (root / program.lstrip("/")).is_file()
+    command = root / menu_entry(root, "Exec").lstrip("/")
+    assert re.fullmatch(r"\S+/orvane-launcher", str(command))
+    assert os.readlink(command) == f"/{SYSTEM_APP}/Contents/MacOS/orvane-launcher"
     assert menu_entry(root, "Icon") == APP_ID
 
 
@@ -153,6 +153,7 @@ def test_info_plist_names_the_program_and_its_icon():
     assert plist["CFBundleIdentifier"] == APP_ID
     assert plist["CFBundlePackageType"] == "APPL"
     assert plist["NSHighResolutionCapable"] is True
+    assert plist["NSRequiresAquaSystemAppearance"] is True
     assert re.fullmatch(r"\d+\.\d+", plist["LSMinimumSystemVersion"])
 
 

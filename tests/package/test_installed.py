@@ -136,7 +136,8 @@ def test_package_serves_an_ordinary_user_and_leaves_nothing():
     before = system.all_but_the_users_own()
 
     # Without a network: the package needs nothing but what it says.
-    system.enter("apt-get", "install", "-qy", "--no-install-recommends", "/tmp/new.deb")
+    said = system.enter("apt-get", "install", "-qy", "--no-install-recommends", "/tmp/new.deb")
+    assert "systemctl disable --now nginx" in said  # which Debian's own package has started
     shipped = system.all_but_the_users_own()
     assert SYSTEM_APP in shipped
 

@@ -27,7 +27,7 @@ STAND_INS = {
             touch "$LOG.waited"; echo "E: Could not get lock /var/lib/apt/lists/lock." >&2
             exit 100; } ;;
         esac""",
-    "cmake": "exit 3",  # enough to see that the build was reached
+    "cmake": "exit $BUILT",
     "sleep": ":",
 }
 BUILD_REACHED = "== configure the release preset"
@@ -49,7 +49,8 @@ class Newcomer:
             (tools / name).chmod(0o755)
         self.environment = {
             "PATH": str(tools), "LC_ALL": "C", "LOG": str(self.log), "DISPLAY": ":1",
-            "MISSING": "", "CMAKE_VERSION": "3.25.1-1", "MAY": "yes", "LOCKED": ""}
+            "MISSING": "", "CMAKE_VERSION": "3.25.1-1", "MAY": "yes", "LOCKED": "",
+            "BUILT": "3"}  # that it was tried is mostly enough
 
     def run(self, **environment):
         """Returns the exit status, the lines of the output and those of the errors."""
@@ -132,3 +133,18 @@ def test_machine_that_cannot_fetch_any_list_is_told_to_look_at_the_network(newco
 def test_nginx_that_came_along_stays_off_and_another_is_left_alone(newcomer, missing, off):
     newcomer.run(MISSING=missing)
     assert ("sudo update-rc.d nginx disable" in newcomer.calls("sudo")) == off
+
+
+@pytest.mark.parametrize("answers", [True, False])
+def test_display_that_does_not_answer_is_said_instead_of_an_abort(newcomer, answers):
+    release = newcomer.project / "build/release"
+    for name, does in (("landmarks", "" if answers else "echo abort >&2; kill -ABRT $$"),
+                       ("orvane.app/Contents/MacOS/orvane-launcher", "echo launched")):
+        (release / name).parent.mkdir(parents=True, exist_ok=True)
+        (release / name).write_text(f"#!/bin/bash\n{does}\n")
+        (release / name).chmod(0o755)
+    status, output, errors = newcomer.run(BUILT="0", DISPLAY=":77")
+    assert ("launched" in output) == answers
+    if not answers:
+        assert status == 1 and len(errors) == 1
+        assert "the display :77 does not answer" in errors[0]
