@@ -1,96 +1,74 @@
-"""Measures the launcher against its floors; scripts/bench builds everything and calls this.
-
-Rows that cost the machine next to nothing and take their time run beside the others: the flood and
-the two resting launchers."""
+"""Measures all rows; scripts/bench builds what is measured and calls this."""
 
 import argparse
 import shutil
-import sys
+import time
 from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
 
-PROJECT = Path(__file__).resolve().parent.parent
-sys.path[:0] = [str(PROJECT), str(PROJECT / "drive")]
+from benchmarks import report, rows, runners
+from drive.processes import exit_on_signals
 
-import inside  # noqa: E402
-import pressing  # noqa: E402
-import report  # noqa: E402
-import resting  # noqa: E402
-import runners  # noqa: E402
-import size  # noqa: E402
-import starting  # noqa: E402
-from figures import Progress  # noqa: E402
-from processes import exit_on_signals  # noqa: E402
+PROJECT = Path(__file__).resolve().parent.parent
 
 
 @dataclass
 class Context:
-    """What every row needs to know."""
+    """What every row needs to know: `subjects` are the launcher and its floor."""
 
     quick: bool
-    build: Path
-    npm: Path
-    version: str
-    progress: Progress
-
-    @property
-    def programs(self):
-        return self.build / "benchmarks"
-
-    @property
-    def launcher(self):
-        return self.build / "orvane.app/Contents/MacOS/orvane"
-
-    @property
-    def landmarks(self):
-        return self.build / "landmarks"
+    programs: Path
+    landmarks: Path
+    subjects: tuple
 
 
 def measure(context):
-    """All rows, and the comparison with the process runners."""
-    with ExitStack() as stack:
-        def beside(running):
-            stack.callback(running.end)
-            return running
+    """Returns all rows, and the comparison with the process runners."""
+    began = time.monotonic()
+    found = []
 
-        flood = beside(inside.Flood(context))
-        quiet = beside(resting.Resting(context, ended=False))
-        ended = beside(resting.Resting(context, ended=True))
-        rows = [*starting.rows(context), *pressing.rows(context), *inside.line_rows(context)]
-        compared = runners.compare(
-            context, next(row for row in rows if row.name == "start").launcher.median)
-        rows += inside.sink_rows(context)
-        context.progress.say("idle")
-        rows += resting.rows(quiet, ended)
-        rows += size.rows(context)
-        context.progress.say("throughput")
-        rows += flood.rows()
-        context.progress.end()
-    return rows, compared
+    def take(what, measured):
+        print(f"[{time.monotonic() - began:.0f} s] {what}", flush=True)
+        found.extend(measured)
+
+    with ExitStack() as stack:
+        aside = rows.Aside(context, stack)
+        take("start", rows.start(context))
+        take("memory, deploy, stop, first line", rows.press(context))
+        take("sink", rows.sink(context))
+        take("process runners", ())
+        compared = runners.compare(context, found)
+        take("idle", aside.idle())
+        take("throughput", aside.throughput())
+    take("done", ())
+    return found, compared
 
 
 def main():
+    """Raises what the rows raise, and leaves nothing running."""
     arguments = argparse.ArgumentParser(description=__doc__)
     arguments.add_argument("--quick", action="store_true")
     arguments.add_argument("--build", type=Path, required=True)
     arguments.add_argument("--results", type=Path, required=True)
-    arguments.add_argument("--npm", type=Path, required=True)
-    arguments.add_argument("--version", required=True)
     arguments.add_argument("--load", type=float, required=True, help="before anything was built")
     given = arguments.parse_args()
     exit_on_signals()
+    how = f"load {given.load:.2f} before the run"
     if given.load > 0.5:
-        print(f"The machine is busy (load {given.load:.1f}): the figures will show it.")
-    progress = Progress(150 if given.quick else 480)
-    rows, compared = measure(
-        Context(given.quick, given.build, given.npm, given.version, progress))
+        how += ": the machine was busy, and the times say little"
+    if given.quick:
+        how += " (--quick)"
+    print(how, flush=True)
+    programs = given.build / "benchmarks"
+    found, compared = measure(Context(
+        given.quick, programs, given.build / "landmarks",
+        (given.build / "orvane.app/Contents/MacOS/orvane", programs / "Floor")))
     document = PROJECT / "docs/performance.md"
     if given.quick:  # too coarse to be published
         document = Path(shutil.copy(document, given.results))
-    report.write(rows, compared, given.load, given.results, document)
-    print("\n".join(report.table(rows) + [""] + report.runner_table(compared)))
-    print(f"\nWritten: {document}, {given.results}/results.md, {given.results}/results.json")
+    print(report.write(found, compared, how, given.results, document))
+    print(f"\nWritten: {document}, {document.with_suffix('.svg')}, {given.results}/results.json")
 
 
 if __name__ == "__main__":

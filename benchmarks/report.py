@@ -1,153 +1,120 @@
-"""Writes the results down: Markdown, JSON, plots, and the parts of the document that a run owns."""
+"""Writes the results down: the samples as JSON, and the part of the document that a run owns."""
 
 import json
 import os
 import platform
 import re
+import statistics
 import subprocess
 import time
+from dataclasses import asdict
 from pathlib import Path
 
-import plots
-from inside import BYTES_A_ROW, ROWS
+from benchmarks.rows import ROWS
+from benchmarks.runners import COLUMNS, UNITS
+
+PLOT = """
+set terminal svg size 640,340 font "sans-serif,12" background "white"
+set output "{file}"
+set logscale xy
+set xlabel "rows in the list"
+set ylabel "ms"
+set key right center
+set grid
+set xrange [80:25000]
+set yrange [0.01:1000]
+plot $sink using 1:2:3:4 with yerrorlines title "one message into the list", \\
+     $drawn using 1:2:3:4 with yerrorlines title "the same, and drawn in a visible list", \\
+     200 title "time until the next message of a flooding service" dashtype 2
+"""
 
 
 def figure(value):
-    """Three digits that mean something."""
-    if value == 0:
-        return "0"
+    """Returns it with three digits that mean something."""
     if abs(value) >= 100:
         return f"{value:,.0f}"
-    return f"{value:.1f}" if abs(value) >= 10 else f"{value:.2f}" if abs(value) >= 1 else (
-        f"{value:.3f}")
+    return f"{value:.1f}" if abs(value) >= 10 else f"{value:.2f}"
 
 
-def samples(series, unit):
-    if series is None:
-        return ""
-    shown = f"{figure(series.median)} {unit}"
-    if len(series.samples) > 1:
-        shown += " ({} – {})".format(*map(figure, series.spread))
-    return shown
+def quartiles(samples):
+    """Returns the lower and the upper one."""
+    return statistics.quantiles(samples, n=4)[::2] if len(samples) > 1 else samples * 2
 
 
-def compared(row):
-    if row.value is None:
-        return ""
-    return f"{row.value:.2f}" if row.by == "ratio" else f"{row.value:+.2f} {row.unit}"
+def cell(samples, unit):
+    """Returns the median, with the quartiles if there are any."""
+    shown = f"{figure(statistics.median(samples))} {unit}"
+    return shown + (" ({} – {})".format(*map(figure, quartiles(samples)))
+                    if len(samples) > 1 else "")
 
 
 def table(rows):
-    """Median of each, with the quartiles."""
-    lines = ["| row | the launcher | the floor | ratio | aim | held |", "|---|---|---|---|---|---|"]
+    """Returns the lines of the table of all rows."""
+    lines = ["| row | the launcher | the floor | | aim | held |", "|---|---|---|---|---|---|"]
     for row in rows:
-        held = {True: "yes", False: "**no**", None: ""}[row.held]
-        lines.append(f"| {row.name} | {samples(row.launcher, row.unit)} | "
-                     f"{samples(row.floor, row.unit)} | {compared(row)} | {row.aim} | {held} |")
+        value, aim = (f"{row.value:.2f}", f"at most {row.limit:.2f}") if row.by == "ratio" else (
+            f"{row.value:+.2f} {row.unit}", f"within {row.limit:g} {row.unit}")
+        lines.append(f"| {row.name} | {cell(row.launcher, row.unit)} | {cell(row.floor, row.unit)} "
+                     f"| {value} | {aim} | {'yes' if row.held else '**no**'} |")
     return lines
 
 
-def meanings(rows):
-    """What the rows measure, once for those that measure the same, and what the run noted."""
-    lines = []
-    for what in dict.fromkeys(row.what for row in rows):
-        alike = [row for row in rows if row.what == what]
-        name = alike[0].name if len(alike) == 1 else alike[0].name.split(",")[0]
-        lines.append(f"- {name}: {what}.")
-        lines += [f"    - {row.name}: {row.note}." for row in alike if row.note]
+def runner_table(compared):
+    """Returns the lines of the table of the process runners."""
+    lines = [f"| | {' | '.join(COLUMNS)} |", "|---" * (len(COLUMNS) + 1) + "|"]
+    for name, figures in compared.items():
+        cells = (f"{figure(value)} {unit}" for value, unit in zip(figures, UNITS))
+        lines.append(f"| {name} | {' | '.join(cells)} |")
     return lines
 
 
-def runner_table(runners):
-    lines = ["| | until both children run | a line until it is shown | resident memory | stopped | "
-             "left running | workers left running |", "|---|---|---|---|---|---|---|"]
-    for row in runners:
-        lines.append(
-            f"| {row['name']} {row['version']} | {figure(row['both_run_ms'])} ms | "
-            f"{figure(row['line_shown_ms'])} ms | {figure(row['resident_mib'])} MiB | "
-            f"{figure(row['stopped_ms'])} ms | {row['left'] or 'nothing'} | "
-            f"{row['left_workers'] or 'none'} |")
-    return lines
-
-
-def first_line(*command):
+def said_by(*command):
+    """Returns the first line that a command writes."""
     return subprocess.run(command, stdout=subprocess.PIPE, text=True,
                           check=True).stdout.splitlines()[0]
 
 
-def machine(busy):
-    """What the figures were measured on. `busy` is the load average before the run."""
-    processor = re.search(r"model name\s*:\s*(.*)", Path("/proc/cpuinfo").read_text("utf-8"))
-    memory = int(re.search(r"MemTotal:\s*(\d+)", Path("/proc/meminfo").read_text("ascii"))[1])
+def machine(how):
+    """Returns the lines about when, how and on what was measured."""
+    processor = re.search(r"model name\s*: (.*)", Path("/proc/cpuinfo").read_text("utf-8"))
+    memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 1024 ** 3
     release = platform.freedesktop_os_release()["PRETTY_NAME"]
-    return {"processor": processor[1] if processor else platform.machine(),
-            "cores": os.cpu_count(), "memory": f"{memory / 1024 ** 2:.0f} GiB",
-            "system": f"{release}, Linux {platform.release()}",
-            "compiler": first_line("c++", "--version"),
-            "Qt": first_line("qmake", "-qt=5", "-query", "QT_VERSION"),
-            "display": "Xvfb, 1024 by 768, 24 bits, no window manager",
-            "load before the run": f"{busy:.2f}", "measured": time.strftime("%Y-%m-%d")}
+    return [f"- {time.strftime('%Y-%m-%d')}, {how}",
+            f"- {os.cpu_count()} cores, {processor[1] if processor else platform.machine()}, "
+            f"{memory:.0f} GiB",
+            f"- {release}, Linux {platform.release()}, Qt "
+            f"{said_by('qmake', '-qt=5', '-query', 'QT_VERSION')}, {said_by('c++', '--version')}",
+            "- Xvfb, 1024 by 768, 24 bits, no window manager"]
 
 
-def by_rows(rows, prefix, suffix, pick):
-    """The points of the rows named prefix, N rows."""
+def plot(rows, file):
+    """Draws what one message costs, by the number of rows. Raises subprocess.CalledProcessError."""
     found = {row.name: row for row in rows}
-    return [(count, pick(found[f"{prefix}, {count:,} rows{suffix}"])) for count in ROWS]
+    blocks = []
+    for name, prefix, unit in (("sink", "sink", 1e-3), ("drawn", "sink and drawing", 1)):
+        blocks.append(f"${name} << EOD")
+        for count in ROWS:
+            samples = found[f"{prefix}, {count:,} rows"].launcher
+            values = (statistics.median(samples), *quartiles(samples))
+            blocks.append(" ".join(f"{value:g}" for value in (count, *(v * unit for v in values))))
+        blocks.append("EOD")
+    subprocess.run(["gnuplot"], input="\n".join(blocks) + PLOT.format(file=file), text=True,
+                   check=True)
 
 
-def draw(rows, directory):
-    """Writes the plots."""
-    def sink(place, side):
-        return by_rows(rows, f"sink, {place}", "", lambda row: getattr(row, side).median)
-
-    directory.mkdir(parents=True, exist_ok=True)
-    (directory / "sink.svg").write_text(plots.curves(
-        "One message into the list", "rows in the list", "microseconds on the reader's thread", {
-            "launcher, list hidden": (sink("hidden", "launcher"), ""),
-            "bare, list hidden": (sink("hidden", "floor"), "2 4"),
-            "launcher, list visible": (sink("visible", "launcher"), ""),
-            "bare, list visible": (sink("visible", "floor"), "2 4")}), "utf-8")
-    (directory / "drawing.svg").write_text(plots.curves(
-        "What the window does after one message", "rows in the visible list",
-        "milliseconds on the GUI thread", {
-            "launcher": (by_rows(rows, "drawing", "", lambda row: row.launcher.median), ""),
-            "bare": (by_rows(rows, "drawing", "", lambda row: row.floor.median), "2 4"),
-            "time between two messages of a service": ([(count, 200) for count in ROWS], "8 4")}),
-        "utf-8")
-    (directory / "memory.svg").write_text(plots.curves(
-        "What one message leaves in memory", "rows in the list", "KiB of resident memory", {
-            "launcher, and the same for the bare operations": (
-                by_rows(rows, "memory a row", "", lambda row: row.launcher.median), ""),
-            "8 bytes a row": ([(count, count * BYTES_A_ROW / 1024) for count in ROWS], "8 4")}),
-        "utf-8")
-    (directory / "ratios.svg").write_text(plots.ratios(
-        "The launcher against its floors",
-        [row for row in rows if row.value is not None and row.by == "ratio" and row.limit]),
-        "utf-8")
-
-
-def replace_parts(document, parts):
-    """Puts each part between its two markers; the text around them is the author's."""
-    for name, lines in parts.items():
-        begin, end = f"<!-- begin {name} -->", f"<!-- end {name} -->"
-        if document.count(begin) != 1 or document.count(end) != 1:
-            raise ValueError(f"the document needs the markers {begin} and {end}, once each")
-        before, rest = document.split(begin)
-        after = rest.split(end)[1]
-        document = before + begin + "\n" + "\n".join(lines) + "\n" + end + after
-    return document
-
-
-def write(rows, runners, busy, results, document):
-    """Everything that a run leaves: below `results`, and in the document with its plots."""
-    where = machine(busy)
-    parts = {"machine": [f"- {name}: {value}" for name, value in where.items()],
-             "table": table(rows), "meanings": meanings(rows), "runners": runner_table(runners)}
-    results.mkdir(parents=True, exist_ok=True)
+def write(rows, compared, how, results, document):
+    """Writes the samples below `results`, the tables into the document between its two markers, and
+    the plot beside it. Returns the tables; raises ValueError when a marker is missing."""
+    where = machine(how)
     (results / "results.json").write_text(json.dumps(
-        {"machine": where, "rows": [row.as_json() for row in rows], "runners": runners},
-        indent=2, ensure_ascii=False) + "\n", "utf-8")
-    (results / "results.md").write_text(
-        "\n\n".join("\n".join(lines) for lines in parts.values()) + "\n", "utf-8")
-    draw(rows, document.parent / "performance")
-    document.write_text(replace_parts(document.read_text("utf-8"), parts), "utf-8")
+        {"machine": where, "rows": [{**asdict(row), "value": row.value} for row in rows],
+         "runners": compared}, indent=1, ensure_ascii=False), "utf-8")
+    parts = where, table(rows), runner_table(compared)
+    measured = "\n\n".join("\n".join(part) for part in parts)
+    text, found = re.subn("(?s)(?<=<!-- begin -->\n).*(?=<!-- end -->)",
+                          lambda _: f"{measured}\n", document.read_text("utf-8"))
+    if found != 1:
+        raise ValueError(f"{document} needs the markers <!-- begin --> and <!-- end -->, once each")
+    document.write_text(text, "utf-8")
+    plot(rows, document.with_suffix(".svg"))
+    return measured
