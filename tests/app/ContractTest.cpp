@@ -186,6 +186,8 @@ std::ptrdiff_t slotOf(Member member)
 
 } // namespace
 
+Q_DECLARE_METATYPE(const QMetaObject *)
+
 /// What the compiler cannot be asked of the contract.
 class ContractTest : public QObject
 {
@@ -267,8 +269,6 @@ private slots:
         QCOMPARE(meta->enumeratorCount(), meta->enumeratorOffset());
     }
 };
-
-Q_DECLARE_METATYPE(const QMetaObject *)
 
 QTEST_MAIN(ContractTest)
 #include "ContractTest.moc"
