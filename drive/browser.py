@@ -2,6 +2,7 @@
 
 import os
 import tempfile
+from contextlib import contextmanager
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -23,13 +24,13 @@ class Browser:
     Raises selenium.common.WebDriverException: no browser, no answer, no such element.
     """
 
-    def __init__(self):
+    def __init__(self, flags=()):
         adopt_orphans()
         self._home = tempfile.TemporaryDirectory(prefix="orvane-browser-",
                                                  ignore_cleanup_errors=True)
         options = webdriver.ChromeOptions()
         options.binary_location = "/usr/bin/chromium"
-        for flag in [*FLAGS, f"--user-data-dir={self._home.name}/profile"]:
+        for flag in [*FLAGS, *flags, f"--user-data-dir={self._home.name}/profile"]:
             options.add_argument(flag)
         os.environ["no_proxy"] = "localhost,127.0.0.1"  # between Selenium and the driver
         self._service = Service("/usr/bin/chromedriver",
@@ -68,6 +69,20 @@ class Browser:
     def run(self, script):
         """Returns what the script, a function's body in the page, returns."""
         return self._driver.execute_script(script)
+
+    @contextmanager
+    def elsewhere(self, window=False):
+        """Inside of this, the calls mean the page's first frame, or the window that it opened."""
+        first = self._driver.current_window_handle
+        if window:
+            wait_for("the window", lambda: len(self._driver.window_handles) == 2)
+            self._driver.switch_to.window(self._driver.window_handles[1])
+        else:
+            self._driver.switch_to.frame(0)
+        yield
+        if window:
+            self._driver.close()
+        self._driver.switch_to.window(first)
 
     def picture(self, path):
         """Writes what the page looks like to this file."""

@@ -4,6 +4,7 @@ import os
 import re
 import socket
 import stat
+import subprocess
 from pathlib import Path
 
 import pytest
@@ -177,3 +178,29 @@ def test_waits_for_a_port_that_is_about_to_be_free(make_nginx, hold):
     holder.close()
     wait_for("nginx serves", nginx.serves)
     assert nginx.output == ""
+
+
+@pytest.mark.parametrize("command", [
+    "cd {} && sbin/nginx", "cd {} && sbin/nginx; exit"])  # the shell stays, as an older bash does
+def test_replaces_an_nginx_only_when_its_launcher_has_gone(
+        make_nginx, ending, assert_one_line, command):
+    nginx = make_nginx()
+    launcher = ending.enter_context(subprocess.Popen(
+        ["/bin/sh", "-c", '/bin/bash -c "$0" & exec sleep infinity',
+         command.format(nginx.directory)], stdout=subprocess.DEVNULL))
+    ending.callback(launcher.kill)
+    wait_for("the first one serves", nginx.serves)
+    first = [process.pid for process in nginx.left()]
+    nginx.start()
+    assert nginx.child.wait(30) != 0
+    assert_one_line(nginx.output, "port 4200", "this bundle's own nginx", "another launcher runs",
+                    "[Stop Service]", "[Deploy Service]")
+    status, output = nginx.stop_command()
+    assert status == 1
+    assert_one_line(output, "another launcher runs nginx", "[Stop Service]")
+    assert [process.pid for process in nginx.left()] == first
+    launcher.kill()
+    launcher.wait()
+    nginx.start()
+    wait_for("the second one took its place", lambda: nginx.serves() and [
+        process.pid for process in nginx.left()] == [nginx.child.pid])

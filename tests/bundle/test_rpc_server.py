@@ -30,10 +30,15 @@ def request(method, params=None, **more):
     return {"jsonrpc": "2.0", "id": 1, "method": method, **parameters, **more}
 
 
+def encoded(body):
+    """Returns the body as bytes; what is no text becomes JSON."""
+    text = body if isinstance(body, (bytes, str)) else json.dumps(body)
+    return text if isinstance(text, bytes) else text.encode()
+
+
 def post(body, **headers):
     """Returns HTTP status and text of the answer; a body that is no text is sent as JSON."""
-    text = body if isinstance(body, (bytes, str)) else json.dumps(body)
-    return ask("/rpc", text, port=RPC_PORT, host="127.0.0.1",
+    return ask("/rpc", encoded(body), port=RPC_PORT, host="127.0.0.1",
                headers={"Content-Type": "application/json", **headers})
 
 
@@ -52,25 +57,8 @@ def frames_of(channel, after=0):
     return call("channel.frames", {"channel": channel, "after": after})["result"]["frames"]
 
 
-@pytest.fixture
-def start(start_rpc_server):
-    """start(...): a server that listens, a subprocess.Popen."""
-    def started(**how):
-        server = start_rpc_server(**how)
-        assert server.stdout.readline() == LISTENING
-        return server
-
-    return started
-
-
-@pytest.fixture
-def server(start):
-    """A server that listens."""
-    return start()
-
-
-# Each as it comes after one channel was opened.
-@pytest.mark.parametrize(("code", "identity", "body"), [
+# Code, id and request, each as it comes after one channel was opened.
+ERRORS = [
     (PARSE_ERROR, None, ""), (PARSE_ERROR, None, "{"), (PARSE_ERROR, None, "nonsense"),
     (PARSE_ERROR, None, b'"\xff"'), (PARSE_ERROR, None, '{"id": 1e999}'),
     (PARSE_ERROR, None, '[{"jsonrpc": "2.0", "method": "a"}, {'),
@@ -99,7 +87,29 @@ def server(start):
     (INVALID_PARAMS, 1, request("channel.frames", {"channel": 1, "after": None})),
     (INVALID_PARAMS, 1, request("channel.frames", {"channel": 1, "after": [[[[[0]]]]]})),
     (NO_SUCH_CHANNEL, 1, request("channel.frames", {"channel": 0, "after": 0})),
-    (NO_SUCH_CHANNEL, 1, request("channel.frames", {"channel": 2 ** 64 - 1, "after": 0}))])
+    (NO_SUCH_CHANNEL, 1, request("channel.frames", {"channel": 2 ** 64 - 1, "after": 0}))]
+ANSWERED = [request("channel.open"), request("channel.frames", FRAMES), [request("channel.open")],
+            {"jsonrpc": "2.0", "method": "channel.open"}]
+
+
+@pytest.fixture
+def start(start_rpc_server):
+    """start(...): a server that listens, a subprocess.Popen."""
+    def started(**how):
+        server = start_rpc_server(**how)
+        assert server.stdout.readline() == LISTENING
+        return server
+
+    return started
+
+
+@pytest.fixture
+def server(start):
+    """A server that listens."""
+    return start()
+
+
+@pytest.mark.parametrize(("code", "identity", "body"), ERRORS)
 def test_answers_an_error_with_its_code_message_and_id(server, code, identity, body):
     assert open_channel() == 1
     status, text = post(body)
