@@ -66,6 +66,14 @@ class Browser:
         """Returns the number of frames a second that the page shows."""
         return float(self.text("dps"))
 
+    def frame(self):
+        """Returns the number of the frame that the page shows, 0 before the first."""
+        return int(self.run("return document.querySelector('canvas').dataset.frame || 0"))
+
+    def canvas(self):
+        """Returns what the page's moving picture looks like."""
+        return self.run("return document.querySelector('canvas').toDataURL()")
+
     def run(self, script):
         """Returns what the script, a function's body in the page, returns."""
         return self._driver.execute_script(script)

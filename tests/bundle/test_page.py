@@ -44,24 +44,19 @@ def playing(page):
     return page
 
 
-def canvas(page):
-    """Returns what the picture looks like."""
-    return page.run("return document.querySelector('canvas').toDataURL()")
-
-
 def wait_for_pictures(page):
     """Waits until they are counted, and until the one that is shown moves."""
     wait_for("pictures are counted", lambda: page.dps() > 0)
-    before = canvas(page)
-    wait_for("the picture moves", lambda: before != canvas(page))
+    before = page.canvas()
+    wait_for("the picture moves", lambda: before != page.canvas())
 
 
 def wait_for_none(page):
     """Waits until no picture is counted. The one that is shown stays still from then on."""
     wait_for("no picture is counted", lambda: page.dps() == 0)
-    before = canvas(page)
+    before = page.canvas()
     page.run("return new Promise(resolve => setTimeout(resolve, 400))")  # the time of ten pictures
-    assert before == canvas(page)
+    assert before == page.canvas()
 
 
 @pytest.mark.parametrize("name", [
