@@ -73,7 +73,8 @@ int main(int argc, char **argv)
                           {"stop", centre(form.pushButton_2, form.pushButton_2->rect())},
                           {"directions", centre(tabs, tabs->tabRect(0))},
                           {"rpc", centre(tabs, tabs->tabRect(1))},
-                          {"nginx", centre(tabs, tabs->tabRect(2))}};
+                          {"nginx", centre(tabs, tabs->tabRect(2))},
+                          {"tabs", rectangle(place(tabs))}};
     landmarks["rpc list"] = rectangle(rowsOf(form.listView, form.tabWidget, form.tab_2));
     landmarks["nginx list"] = rectangle(rowsOf(form.listView_2, form.tabWidget, form.tab_5));
     QTextStream(stdout) << QJsonDocument(landmarks).toJson();

@@ -10,7 +10,8 @@ from pathlib import Path
 
 import psutil
 
-PATIENCE = 20  # seconds until a condition that does not come true is a failure
+# Seconds until a condition that does not come true is a failure.
+PATIENCE = float(os.environ.get("ORVANE_PATIENCE", "20"))
 GONE = (psutil.NoSuchProcess, psutil.AccessDenied, psutil.ZombieProcess)
 
 

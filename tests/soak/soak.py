@@ -82,9 +82,9 @@ class Run:
 
     def look(self, tab):
         """Brings a tab to the front."""
-        before = self.launcher.picture().tobytes()
+        before = self.launcher.picture("tabs").tobytes()
         self.launcher.click(tab)
-        self.wait(f"the tab {tab}", lambda: self.launcher.picture().tobytes() != before)
+        self.wait(f"the tab {tab}", lambda: self.launcher.picture("tabs").tobytes() != before)
 
     def cycle(self):
         """Raises what wait() does."""
