@@ -6,16 +6,15 @@
 
 #include "bundle/rpcServer/Port.h"
 
+#include "process/ExecutablePath.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
+#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
-#ifdef __APPLE__
-#include <mach-o/dyld.h>
-#endif
 
 namespace {
 
@@ -38,15 +37,11 @@ void giveWay(int /*signal*/)
 /// Not the program itself: a build may have replaced it since the other server started.
 int openOwnDirectory()
 {
-#ifdef __APPLE__
-    char path[4096];
-    std::uint32_t size = sizeof(path);
-    const std::filesystem::path program = _NSGetExecutablePath(path, &size) == 0 ? path : "";
-#else
-    std::error_code error;
-    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-#endif
-    return open(program.parent_path().c_str(), O_RDONLY | O_CLOEXEC);
+    std::uint32_t size = 0;
+    executablePath(nullptr, &size);
+    std::string path(size, '\0');
+    executablePath(path.data(), &size);
+    return open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_CLOEXEC);
 }
 
 void askForThePort(int directory)

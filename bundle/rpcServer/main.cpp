@@ -7,11 +7,11 @@
 #include "bundle/rpcServer/Calls.h"
 #include "bundle/rpcServer/Port.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <deque>
-#include <filesystem>
-#include <iterator>
 #include <microhttpd.h>
 #include <set>
 #include <strings.h>
@@ -141,16 +141,14 @@ void onConnection(void *self, MHD_Connection *connection, void ** /*context*/,
 /// kept open here, nginx would wait for a reader for ever once the launcher has been killed.
 void closeInherited()
 {
-    std::error_code error;
-    const std::filesystem::directory_iterator open("/dev/fd", error);
-    std::deque<int> inherited;
-    std::transform(begin(open), end(open), std::back_inserter(inherited),
-                   [](const auto &entry) { return std::stoi(entry.path().filename()); });
-    for (const int descriptor : inherited) {
-        if (descriptor > STDERR_FILENO) {
-            close(descriptor);
-        }
+    const int first = STDERR_FILENO + 1;
+#ifdef __APPLE__
+    for (int descriptor = first; descriptor < getdtablesize(); ++descriptor) {
+        close(descriptor);
     }
+#else
+    closefrom(first); // there may be no limit to count to
+#endif
 }
 
 } // namespace
