@@ -155,13 +155,15 @@ def test_takes_nothing_over_that_it_finds_in_the_run_directory(make_nginx, make_
 
 
 @takes_root
-@pytest.mark.parametrize(("variable", "value"), [
-    ("HOME", "{}"), ("XDG_STATE_HOME", "{}/state/of/mine")])
-def test_is_not_made_by_root_in_the_home_of_a_user(make_nginx, make_directory, variable, value):
+@takes_a_mount
+@pytest.mark.parametrize(("variable", "value", "status"), [
+    ("HOME", "{}", 0), ("XDG_STATE_HOME", "{}/state/of/mine", 1)])
+def test_is_not_made_by_root_in_the_home_of_a_user(
+        make_nginx, make_directory, variable, value, status):
     home = make_directory("home")
     nginx = make_nginx(environment={**Nginx.PLAIN, variable: value.format(home)})
     make_directory("orvane.app/nginx/run", STRANGER)
-    nginx.run("-t")
+    assert nginx.run("-t", before=with_mount("-t tmpfs tmpfs /root"))[0] == status
     assert list(home.iterdir()) == []
 
 
