@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-LAUNCHER = "build/release/orvane.app/Contents/MacOS/orvane"
+LAUNCHER = "build/release/orvane.app/Contents/MacOS/orvane-launcher"
 STAND_INS = {
     "bin/apt-cache": "echo '  Candidate: 4.0'",
     "bin/cmake": 'exit "${CMAKE-0}"',
@@ -15,9 +15,11 @@ STAND_INS = {
     "bin/gcovr": "",
     "bin/sudo": "exit 1",
     "drive/isolated": "exit 4",
+    "build/release/landmarks": 'exit "${LANDMARKS-0}"',
     "scripts/demo": "exit 6",
     LAUNCHER: "exit 5",
 }
+LANDMARKS = "cmake --build --preset release --target landmarks"
 RELEASE = ["cmake --preset release --log-level=WARNING", "cmake --build --preset release"]
 
 
@@ -80,14 +82,21 @@ def test_step_that_fails_ends_the_script_and_is_named(run, script):
 @pytest.mark.parametrize("display", [{"DISPLAY": ":1"}, {"WAYLAND_DISPLAY": "wayland-0"}])
 def test_run_opens_the_launcher_and_ends_as_it_does(run, display):
     status, calls, _ = run("run", "-style", "fusion", **display)
-    assert (status, calls) == (5, RELEASE + ["orvane -style fusion"])
+    assert (status, calls) == (5, RELEASE + ["orvane-launcher -style fusion"])
 
 
 def test_run_demonstrates_the_launcher_where_there_is_no_display(run):
     status, calls, _ = run("run", "-style", "fusion")
     assert status == 6
-    assert calls == RELEASE + ["cmake --build --preset release --target landmarks",
-                               f"demo {LAUNCHER} -style fusion"]
+    assert calls == RELEASE + [LANDMARKS, f"demo {LAUNCHER} -style fusion"]
+
+
+@pytest.mark.parametrize("answers", [True, False])
+def test_run_opens_the_launcher_only_if_the_display_answers(run, answers):
+    status, calls, errors = run("run", DISPLAY=":1", LANDMARKS="0" if answers else "1")
+    assert status == (5 if answers else 1)
+    assert calls == RELEASE + [LANDMARKS, "landmarks "] + ["orvane-launcher "] * answers
+    assert ("the display :1 does not answer" in errors) == (not answers)
 
 
 def test_soak_soaks_the_release_build_and_ends_as_it_does(run):
