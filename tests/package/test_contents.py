@@ -12,11 +12,13 @@ from built import (APP_ID, BUILD, PACKAGE, PROJECT, SYSTEM_APP, deb, files, menu
                    version)
 from PIL import Image
 
+PROGRAMS = ["Contents/MacOS/orvane", "Contents/MacOS/orvane-launcher", "nginx/sbin/nginx",
+            "rpcServer/MacOs/rpcServer"]
 BUNDLE_FILES = sorted(["Contents/Info.plist", "Contents/MacOS/orvane",
-                       "Contents/MacOS/orvane-launcher", "Contents/Resources/orvane.icns", "rpcServer/MacOs/rpcServer"]
+                       "Contents/MacOS/orvane-launcher", "Contents/Resources/orvane.icns",
+                       "rpcServer/MacOs/rpcServer"]
                       + ["nginx/" + name for name in files(PROJECT / "bundle/nginx")
                          if not name.startswith("run/")])
-PROGRAMS = ["Contents/MacOS/orvane", "Contents/MacOS/orvane-launcher", "nginx/sbin/nginx", "rpcServer/MacOs/rpcServer"]
 BLUE, RED, WHITE = (100, 149, 237), (255, 19, 3), (255, 255, 255)
 
 
