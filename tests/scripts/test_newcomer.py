@@ -92,6 +92,14 @@ def test_machine_with_all_packages_needs_no_package_manager_and_no_rights(newcom
     assert newcomer.calls("apt-get") == newcomer.calls("sudo") == []
 
 
+def test_machine_without_apt_is_told_what_must_be_there_and_goes_on(newcomer):
+    (newcomer.project.parent / "bin/apt-get").unlink()
+    _, output, _ = newcomer.run(MISSING="make")
+    told, = (line for line in output if line.startswith("No apt-get here."))
+    assert " make " in told and BUILD_REACHED in output
+    assert newcomer.calls("sudo") == []
+
+
 @pytest.mark.parametrize("sudo", ["not installed", "not allowed"])
 def test_missing_right_is_said_once_with_what_to_do(newcomer, sudo):
     if sudo == "not installed":
