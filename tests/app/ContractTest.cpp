@@ -174,14 +174,14 @@ std::unique_ptr<Object> madeInDirt()
     return std::unique_ptr<Object>(::new (memory) Object);
 }
 
-/// By the C++ ABI that GCC and Clang share, a pointer to a virtual member is one more than the
-/// offset of its slot.
+/// By the C++ ABI that GCC and Clang share, a pointer to a virtual member holds the offset of its
+/// slot, on some machines marked in the lowest bit.
 template <typename Member>
 std::ptrdiff_t slotOf(Member member)
 {
     std::ptrdiff_t offset = 0;
     std::memcpy(&offset, &member, sizeof offset);
-    return (offset - 1) / static_cast<std::ptrdiff_t>(sizeof(void *));
+    return offset / static_cast<std::ptrdiff_t>(sizeof(void *));
 }
 
 } // namespace
