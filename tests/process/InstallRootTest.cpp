@@ -1,5 +1,6 @@
 #include <QCoreApplication>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
@@ -47,6 +48,12 @@ public:
     {
         process.write("\n");
         return answer();
+    }
+    /// Whether an emulator runs the program and tells it what the kernel would.
+    bool isEmulated() const
+    {
+        return QFile::symLinkTarget(QString("/proc/%1/exe").arg(process.processId())) !=
+               QFileInfo(process.program()).canonicalFilePath();
     }
 
 private:
@@ -199,6 +206,9 @@ private slots:
         putProbe("probe");
         Probe probe("./probe");
         probe.answer();
+        if (probe.isEmulated()) {
+            QSKIP("the emulator keeps the path that it was started with", "");
+        }
         QVERIFY(chdir("../..") == 0);
         QVERIFY(rename("A", "B") == 0);
         const Probe::Answer answer = probe.answerAgain();

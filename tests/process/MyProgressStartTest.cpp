@@ -16,6 +16,12 @@ using Processes::descriptor;
 
 namespace {
 
+/// How a descriptor is open, and whether it blocks. An emulator adds flags of its own.
+int modeOf(int fd)
+{
+    return fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK);
+}
+
 /// A command whose shell can be looked at for as long as its runner lives.
 const char *const waitingShell = "read line"; // from the test's standard input, where none comes
 
@@ -179,7 +185,7 @@ private slots:
         QCOMPARE(descriptor(child, STDERR_FILENO), ourPipe);
         QCOMPARE(descriptor(child, runner->pipeFds[1]), ourPipe);
         QCOMPARE(descriptor(child, runner->pipeFds[0]), QByteArray());
-        QCOMPARE(fcntl(runner->pipeFds[0], F_GETFL), O_RDONLY); // and it blocks
+        QCOMPARE(modeOf(runner->pipeFds[0]), O_RDONLY); // and it blocks
         QCOMPARE(fcntl(runner->pipeFds[1], F_GETFD), -1);
     }
 
@@ -334,8 +340,8 @@ private slots:
     void createPipeFillsBothEnds()
     {
         QCOMPARE(runner->createPipe(), true);
-        QCOMPARE(fcntl(runner->pipeFds[0], F_GETFL), O_RDONLY);
-        QCOMPARE(fcntl(runner->pipeFds[1], F_GETFL), O_WRONLY);
+        QCOMPARE(modeOf(runner->pipeFds[0]), O_RDONLY);
+        QCOMPARE(modeOf(runner->pipeFds[1]), O_WRONLY);
         QCOMPARE(fcntl(runner->pipeFds[0], F_GETFD), 0); // the child inherits it
         QCOMPARE(descriptor(getpid(), runner->pipeFds[0]),
                  descriptor(getpid(), runner->pipeFds[1]));
