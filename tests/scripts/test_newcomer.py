@@ -100,6 +100,23 @@ def test_machine_without_apt_is_told_what_must_be_there_and_goes_on(newcomer):
     assert newcomer.calls("sudo") == []
 
 
+@pytest.mark.parametrize("missing, installs", [
+    ("", []), ("cmake nginx", ["brew install cmake nginx"])])
+def test_macos_gets_what_is_missing_from_homebrew(newcomer, missing, installs):
+    tools = newcomer.project.parent / "bin"
+    for name, does in {
+            "uname": "echo Darwin", "cmake": 'echo "Qt $CMAKE_PREFIX_PATH ${PATH%%:*}" >>"$LOG"',
+            "brew": 'case $1 in list) [[ " $MISSING " != *" $2 "* ]] ;; --prefix) echo /qt ;; esac',
+            }.items():
+        (tools / name).unlink(missing_ok=True)  # which may be a link to the machine's own
+        (tools / name).write_text(f'#!/bin/bash\necho "{name} $*" >>"$LOG"\n{does}\n')
+        (tools / name).chmod(0o755)
+    newcomer.run(MISSING=missing)
+    assert [call for call in newcomer.calls("brew") if "install" in call] == installs
+    assert newcomer.calls("Qt") == ["Qt /qt /qt/bin"] * 2
+    assert newcomer.calls("apt-get") == []
+
+
 @pytest.mark.parametrize("sudo", ["not installed", "not allowed"])
 def test_missing_right_is_said_once_with_what_to_do(newcomer, sudo):
     if sudo == "not installed":
