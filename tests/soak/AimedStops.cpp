@@ -34,7 +34,20 @@ std::uint32_t upTo(std::uint32_t most, Dice &dice)
     return std::uniform_int_distribution<std::uint32_t>(0, most)(dice);
 }
 
-/// Blocks until the next service reads its orders; returns its process id.
+/// Gives the descriptors on which services report their numbers.
+void openReports()
+{
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0) {
+        _exit(2);
+    }
+    dup2(ends[0], reportsTaken);
+    dup2(ends[1], reportsGiven);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+/// Blocks until the next service awaits its orders; returns its process id.
 pid_t nextService()
 {
     pid_t service = -1;
@@ -134,7 +147,7 @@ int main(int argc, char **argv)
         argc > 2 ? static_cast<unsigned>(std::atoi(argv[2])) : std::random_device()();
     std::printf("aimed: seed %u\n", seed);
     setenv("QT_QPA_PLATFORM", "offscreen", 0); // NOLINT(concurrency-mt-unsafe): one thread
-    openOrders();
+    openReports();
 
     auto *stops = static_cast<int *>(
         mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
