@@ -144,6 +144,18 @@ def test_takes_the_first_nginx_in_the_path_that_is_not_itself(make_nginx, make_d
     assert nginx.run("-v") == (0, "the first one\n")
 
 
+@pytest.mark.parametrize("path", ["", "html", "/nowhere:html"])
+def test_takes_no_tool_of_its_own_from_the_bundle(make_nginx, path):
+    nginx = make_nginx(environment={"PATH": path})
+    for name in ("find", "mkdir", "mktemp"):
+        for directory in (nginx.directory, nginx.directory / "html"):
+            (directory / name).write_text("#!/bin/sh\nexit 3\n", encoding="ascii")
+            (directory / name).chmod(0o755)
+    status, output = nginx.run("-t")
+    assert status == 0, output
+    assert CLEAN_TEST.fullmatch(output)
+
+
 def test_finds_the_system_nginx_without_a_path(make_nginx):
     status, output = make_nginx(environment={}).run("-v")
     assert status == 0, output
