@@ -10,6 +10,7 @@
 #include <QApplication>
 #include <QHBoxLayout>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
