@@ -52,13 +52,13 @@ def assert_refuses(assert_one_line):
     return check
 
 
-def test_is_the_runtime_directory_of_the_session(shipped, make_directory, assert_serves_from):
+def test_outlives_the_session(shipped, make_directory, assert_serves_from):
     runtime, home = make_directory("runtime"), make_directory("home")
-    assert_serves_from(shipped(XDG_RUNTIME_DIR=runtime, HOME=home), runtime)
-    assert list(home.iterdir()) == []
+    assert_serves_from(shipped(XDG_RUNTIME_DIR=runtime, HOME=home), home / ".local/state")
+    assert list(runtime.iterdir()) == []
 
 
-def test_is_the_state_directory_without_a_session(shipped, make_directory, assert_serves_from):
+def test_is_the_state_directory(shipped, make_directory, assert_serves_from):
     home = make_directory("home")
     assert_serves_from(shipped(XDG_STATE_HOME=home / "state", HOME=home), home / "state")
 
@@ -71,46 +71,46 @@ def test_is_in_the_home_without_xdg_variables(shipped, make_directory, assert_se
 def test_takes_only_absolute_paths_from_the_environment(shipped, make_directory,
                                                         assert_serves_from):
     home = make_directory("home")
-    nginx = shipped(XDG_RUNTIME_DIR="html", XDG_STATE_HOME="html", HOME=home)
+    nginx = shipped(XDG_STATE_HOME="html", HOME=home)
     os.chown(nginx.directory / "html", USER, -1)
     assert_serves_from(nginx, home / ".local/state")
 
 
 def test_is_not_made_where_the_bundle_can_be_written(deploy_nginx, make_directory):
-    runtime = make_directory("runtime")
-    nginx = deploy_nginx(user=USER, environment={**Nginx.PLAIN, "XDG_RUNTIME_DIR": str(runtime)})
+    state = make_directory("state")
+    nginx = deploy_nginx(user=USER, environment={**Nginx.PLAIN, "XDG_STATE_HOME": str(state)})
     assert nginx.output == ""
     assert nginx.pid_file.exists()
-    assert list(runtime.iterdir()) == []
+    assert list(state.iterdir()) == []
 
 
 def test_differs_from_bundle_to_bundle(shipped, make_directory):
-    runtime = make_directory("runtime")
+    state = make_directory("state")
     # These differ in characters that no directory's name keeps, and only far from their ends.
     for name in ("a.app", "a-app", "1" + "x" * 80, "2" + "x" * 80):
-        assert shipped(name, XDG_RUNTIME_DIR=runtime).run("-t")[0] == 0
-    assert len(list((runtime / "orvane").iterdir())) == 4
+        assert shipped(name, XDG_STATE_HOME=state).run("-t")[0] == 0
+    assert len(list((state / "orvane").iterdir())) == 4
 
 
 @pytest.mark.parametrize("mode", [0o707, 0o770])
-def test_is_not_one_that_others_may_write_in(shipped, make_directory, assert_serves_from, mode):
-    runtime, home = make_directory("runtime"), make_directory("home")
-    make_directory("runtime/orvane", mode=mode)
-    assert_serves_from(shipped(XDG_RUNTIME_DIR=runtime, HOME=home), home / ".local/state")
+def test_is_not_one_that_others_may_write_in(shipped, make_directory, assert_refuses, mode):
+    state = make_directory("state")
+    make_directory("state/orvane", mode=mode)
+    assert_refuses(shipped(XDG_STATE_HOME=state))
 
 
 @pytest.mark.parametrize("target", ["elsewhere", "nowhere"])
 def test_is_no_symbolic_link(shipped, make_directory, assert_refuses, directory, target):
-    runtime, elsewhere = make_directory("runtime"), make_directory("elsewhere")
-    (runtime / "orvane").symlink_to(directory / target)
-    assert_refuses(shipped(XDG_RUNTIME_DIR=runtime, XDG_STATE_HOME=runtime))
+    state, elsewhere = make_directory("state"), make_directory("elsewhere")
+    (state / "orvane").symlink_to(directory / target)
+    assert_refuses(shipped(XDG_STATE_HOME=state))
     assert list(elsewhere.iterdir()) == []
 
 
 def test_says_so_when_no_directory_can_be_written(shipped, make_directory, assert_refuses, ending):
     closed = make_directory("closed", mode=0o500)
     ending.callback(closed.chmod, 0o700)
-    assert_refuses(shipped(XDG_RUNTIME_DIR=closed, HOME=closed))
+    assert_refuses(shipped(XDG_STATE_HOME=closed, HOME=closed))
 
 
 @takes_root
@@ -119,7 +119,7 @@ def test_is_nobody_elses(shipped, make_directory, assert_refuses, user, inner):
     base = make_directory("base", user, 0o777)
     if inner:
         make_directory("base/orvane", inner, 0o777)
-    assert_refuses(shipped(XDG_RUNTIME_DIR=base, XDG_STATE_HOME=base))
+    assert_refuses(shipped(XDG_STATE_HOME=base))
     assert [path.name for path in base.iterdir()] == (["orvane"] if inner else [])
 
 

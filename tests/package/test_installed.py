@@ -143,8 +143,6 @@ def test_package_serves_an_ordinary_user_and_leaves_nothing():
 
     system.use_the_package({**ORDINARY, "XDG_RUNTIME_DIR": f"/{system.session}"},
                            look_with_a_browser)
-    assert system.private_files(system.session)
-    system.use_the_package(ORDINARY, lambda: None)
     assert system.private_files(f"home/{USER}/.local/state")
     assert changes(shipped, system.all_but_the_users_own()) == {}
 

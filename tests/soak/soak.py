@@ -163,7 +163,7 @@ class Run:
 def start_nginx(cycles, directory, user=None, writable=True):
     """Returns whether the nginx of this user left nothing behind in any of its starts."""
     with Nginx(directory, PROJECT / "bundle/nginx", user, writable=writable) as nginx:
-        nginx.environment = {**nginx.environment, "XDG_RUNTIME_DIR": str(directory)}
+        nginx.environment = {**nginx.environment, "XDG_STATE_HOME": str(directory)}
         try:
             for _ in range(cycles * STARTS_OF_NGINX):
                 nginx.start()
