@@ -78,10 +78,12 @@ int takePort(int port)
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool bound = false; // which servers that start at once may be all, and one of them listens
     for (int left = attempts; left > 0; --left) {
         // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): as bind() takes them all
-        if (bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0 &&
-            listen(listener, SOMAXCONN) == 0) {
+        auto *plain = reinterpret_cast<sockaddr *>(&address);
+        bound = bound || bind(listener, plain, sizeof(address)) == 0;
+        if (bound && listen(listener, SOMAXCONN) == 0) {
             keepLock(directory);
             return listener;
         }
