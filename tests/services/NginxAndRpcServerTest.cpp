@@ -99,16 +99,16 @@ private slots:
     /// Every test runs with each.
     void initTestCase_data()
     {
-        QTest::addColumn<bool>("nginx");
+        QTest::addColumn<bool>("isNginx");
         QTest::newRow("Nginx") << true;
         QTest::newRow("RpcServer") << false;
     }
 
     void init()
     {
-        QFETCH_GLOBAL(bool, nginx);
+        QFETCH_GLOBAL(bool, isNginx);
         SystemCalls::recordStops();
-        if (nginx) {
+        if (isNginx) {
             tested = std::make_unique<TestedNginx>();
         } else {
             tested = std::make_unique<TestedRpcServer>();
