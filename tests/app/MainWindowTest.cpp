@@ -181,13 +181,13 @@ private slots:
     {
         press(deployButton);
         const QAbstractItemModel *models[] = {nginxView->model(), rpcView->model()};
-        const Nginx *nginx = nginxOf(*connect);
+        const Nginx *deployed = nginxOf(*connect);
         const StandardOutput output;
         QVERIFY(QMetaObject::invokeMethod(window.get(), "loadNginxList"));
         QVERIFY(QMetaObject::invokeMethod(window.get(), "loadRpcList"));
         QCOMPARE(nginxView->model(), models[0]);
         QCOMPARE(rpcView->model(), models[1]);
-        QCOMPARE(nginxOf(*connect), nginx);
+        QCOMPARE(nginxOf(*connect), deployed);
         QCOMPARE(output.text(), QByteArray());
     }
 
