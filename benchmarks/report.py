@@ -82,7 +82,7 @@ def machine(how):
     return [f"- {time.strftime('%Y-%m-%d')}, {how}",
             f"- {os.cpu_count()} cores, {processor[1] if processor else platform.machine()}, "
             f"{memory:.0f} GiB",
-            f"- {release}, Linux {platform.release()}, Qt "
+            f"- {release}, Linux {platform.release().split('-')[0]}, Qt "
             f"{said_by('qmake', '-qt=5', '-query', 'QT_VERSION')}, {said_by('c++', '--version')}",
             "- Xvfb, 1024 by 768, 24 bits, no window manager"]
 

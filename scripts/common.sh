@@ -16,7 +16,7 @@ refuse() {
 }
 
 # The path stands unquoted in the command that starts nginx.
-unsafe=$' \t\n"\'\\$`&;|<>()*?{'
+unsafe=$' \t\n"\'\\$`&;|<>()*?{['
 case $project in
 *["$unsafe"]*)
     refuse "$project has a blank or a character of the shell, so nginx cannot start there: move it."

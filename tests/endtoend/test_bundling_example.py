@@ -1,13 +1,16 @@
 """The example of docs/bundling.md, command by command as it stands there."""
 
+import os
 import re
 import shutil
 import subprocess
+from pathlib import Path
 
 import pytest
 from steps import close, deploy_real
 
 from drive.bundle import RPC_PORT, ask
+from drive.processes import processes_below
 
 
 @pytest.mark.timeout(600)  # it builds the release preset
@@ -25,7 +28,8 @@ def test_documented_commands_bundle_other_services(project, directory, launch):
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     assert done.returncode == 0, done.stdout
 
-    launcher = launch(copy / "build/release/orvane.app/Contents/MacOS/orvane")
+    bundle = copy / "build/release/orvane.app"
+    launcher = launch(bundle / "Contents/MacOS/orvane")
     deploy_real(launcher)
     assert "My own product" in ask()[1]
     json = {"Content-Type": "application/json"}
@@ -34,4 +38,12 @@ def test_documented_commands_bundle_other_services(project, directory, launch):
                             (403, {"Origin": "null"}), (403, {"Sec-Fetch-Site": "same-site"}),
                             (413, {"Content-Length": "9" * 5000})):
         assert ask("/rpc", "{}", port=RPC_PORT, headers={**json, **foreign})[0] == status
+    server = bundle / "rpcServer/MacOs/rpcServer"
+    started, = processes_below(server.parent)
+    inherited = Path(f"/proc/{started.pid}/fd")
+    assert not [fd for fd in inherited.iterdir()
+                if int(fd.name) > 2 and "pipe:" in os.readlink(fd)], "the launcher's own"
+    second = subprocess.run([server], check=False, stdout=subprocess.PIPE, text=True,
+                            stderr=subprocess.STDOUT)
+    assert second.stdout == "mine: port 4201: Address already in use\n"
     close(launcher)

@@ -72,7 +72,7 @@ def newcomer(directory):
     return Newcomer(directory)
 
 
-@pytest.mark.parametrize("name", ["a b", "a'b", "a$b", "a;b", "a(b", "a*b", "a\tb"])
+@pytest.mark.parametrize("name", ["a b", "a'b", "a$b", "a;b", "a(b", "a*b", "a[b", "a\tb"])
 def test_path_that_nginx_cannot_start_in_is_said_before_anything_is_done(directory, name):
     newcomer = Newcomer(directory, name)
     status, output, errors = newcomer.run()
