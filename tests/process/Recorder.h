@@ -22,7 +22,7 @@ public:
     {
         const std::lock_guard<std::mutex> lock(mutex);
         texts.append(QByteArray::fromStdString(text));
-        threads.push_back(pthread_self());
+        last = pthread_self();
     }
 
     /// Every message so far, the empty ones included.
@@ -34,10 +34,11 @@ public:
     /// What was read, in one piece.
     QByteArray joined() const { return all().join(); }
     int count() const { return all().size(); }
-    std::vector<pthread_t> senders() const
+    /// The thread that gave the last message.
+    pthread_t sender() const
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        return threads;
+        return last;
     }
 
     /// A new record that is never deleted.
@@ -50,7 +51,7 @@ public:
 private:
     mutable std::mutex mutex;
     QList<QByteArray> texts;
-    std::vector<pthread_t> threads;
+    pthread_t last{};
 };
 
 /// A runner that keeps its messages, with every field in the open.
@@ -77,6 +78,16 @@ public:
     {
         static auto &kept = *new std::vector<void *>;
         kept.push_back(memory);
+    }
+};
+
+/// A runner that notes each message among the system calls as well.
+struct Noting : Recorder
+{
+    void insertMsg(std::string msg) override
+    {
+        SystemCalls::note("sink " + QByteArray::fromStdString(msg));
+        Recorder::insertMsg(msg);
     }
 };
 
@@ -110,14 +121,18 @@ constexpr const char *sleeping = "exec tail --follow --pid=$PPID /dev/null";
 /// Everything that the child writes until it ends, taken without the reader.
 inline QByteArray wholeOutput(MyProgress &runner)
 {
-    QByteArray output;
-    for (;;) {
-        const std::string part = runner.readMsg();
-        if (part.empty()) {
-            return output;
-        }
-        output += QByteArray::fromStdString(part);
+    std::string output;
+    for (std::string part = runner.readMsg(); !part.empty(); part = runner.readMsg()) {
+        output += part;
     }
+    return QByteArray::fromStdString(output);
+}
+
+/// Waits for the end of the thread and returns what it ended with.
+inline void *endOf(pthread_t thread)
+{
+    void *result = nullptr;
+    return pthread_join(thread, &result) == 0 ? result : nullptr;
 }
 
 /// The line of the record for the kill of a child.
