@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <initializer_list>
 #include <map>
@@ -12,10 +11,6 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <utility>
-
-// Where this program's own code lies, as the linker tells.
-extern "C" const char __executable_start; // NOLINT(bugprone-reserved-identifier)
-extern "C" const char etext;
 
 namespace {
 
@@ -26,7 +21,6 @@ enum Recording { Nothing, Stops, Everything };
 // the process.
 constexpr int descriptors = 1024;
 int reading[descriptors];
-int pauses = 0;
 constexpr useconds_t shortPause = 2000; // microseconds
 useconds_t pauseLength = shortPause;
 Recording recording = Nothing;
@@ -38,23 +32,22 @@ const bool *watched = nullptr;
 std::map<QByteArray, std::function<void()>> actions;
 std::pair<QByteArray, int> failure;
 
-bool isOurs(const void *caller)
+[[gnu::constructor]] void openLog()
 {
-    const auto *const place = static_cast<const char *>(caller);
-    return place >= &__executable_start && place < &etext;
+    logFile = memfd_create("log", MFD_CLOEXEC);
+    fcntl(logFile, F_SETFL, O_APPEND);
 }
 
-bool isRecorded(const void *caller)
+bool isRecorded()
 {
-    return recording != Nothing && isOurs(caller) &&
-           (gettid() == recordingThread || getpid() != testProcess);
+    return recording != Nothing && (gettid() == recordingThread || getpid() != testProcess);
 }
 
 /// Notes the call, and returns whether it is to be handed on; errno tells why not.
-bool begin(const void *caller, const QByteArray &name, std::initializer_list<long> numbers = {},
+bool begin(const QByteArray &name, std::initializer_list<long> numbers = {},
            const QByteArray &remark = {})
 {
-    if (!isRecorded(caller)) {
+    if (!isRecorded()) {
         return true;
     }
     if (recording == Everything || name == "kill" || name == "system") {
@@ -76,8 +69,9 @@ bool begin(const void *caller, const QByteArray &name, std::initializer_list<lon
     return false;
 }
 
-/// What a thread that is about to wait says of itself.
-QByteArray cancellability()
+/// Notes a call that readers make too, with what the thread that is about to wait says of itself.
+/// Apart from the call, for the objects here.
+[[gnu::noinline]] void noteWait(const char *name, std::initializer_list<long> numbers)
 {
     int state = 0;
     int type = 0;
@@ -85,58 +79,10 @@ QByteArray cancellability()
     pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
     pthread_setcanceltype(type, nullptr);
     pthread_setcancelstate(state, nullptr);
-    return state != PTHREAD_CANCEL_ENABLE        ? " (held off)"
-           : type == PTHREAD_CANCEL_ASYNCHRONOUS ? " (cancellable)"
-                                                 : " (deferred)";
-}
-
-/// Of a call that readers make too; apart from it, for the objects here.
-[[gnu::noinline]] void noteWait(const void *caller, const char *name,
-                                std::initializer_list<long> numbers)
-{
-    begin(caller, name, numbers, cancellability());
-}
-
-/// The C library's own function. Looked up ahead of every reader: one that is cancelled in the
-/// middle of a look-up would leave the loader locked.
-template <typename Function>
-struct Next
-{
-    const char *name;
-    Function *function = nullptr;
-
-    void find() { function = reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name)); }
-
-    template <typename... Arguments>
-    auto operator()(Arguments... arguments)
-    {
-        if (function == nullptr) { // a library that starts before this program does
-            find();
-        }
-        return function(arguments...);
-    }
-};
-
-Next<int(int *)> nextPipe{"pipe"};
-Next<pid_t()> nextFork{"fork"};
-Next<int(int)> nextClose{"close"};
-Next<int(int, int)> nextDup2{"dup2"};
-Next<int(pollfd *, nfds_t, int)> nextPoll{"poll"};
-Next<ssize_t(int, void *, size_t)> nextRead{"read"};
-Next<int(useconds_t)> nextUsleep{"usleep"};
-Next<int(pid_t, int)> nextKill{"kill"};
-Next<int(const char *)> nextSystem{"system"};
-Next<int(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *)> nextCreate{
-    "pthread_create"};
-Next<int(pthread_t)> nextCancel{"pthread_cancel"};
-
-[[gnu::constructor]] void prepare()
-{
-    nextPoll.find();
-    nextRead.find();
-    nextUsleep.find();
-    logFile = memfd_create("log", MFD_CLOEXEC);
-    fcntl(logFile, F_SETFL, O_APPEND);
+    begin(name, numbers,
+          state != PTHREAD_CANCEL_ENABLE        ? " (held off)"
+          : type == PTHREAD_CANCEL_ASYNCHRONOUS ? " (cancellable)"
+                                                : " (deferred)");
 }
 
 void start(Recording what, const bool *flag)
@@ -214,116 +160,110 @@ void SystemCalls::changePauses(useconds_t microseconds)
     pauseLength = microseconds;
 }
 
-int SystemCalls::pausesBegun()
-{
-    return __atomic_load_n(&pauses, __ATOMIC_SEQ_CST);
-}
-
 int SystemCalls::readersOf(int fd)
 {
     return __atomic_load_n(&reading[fd], __ATOMIC_SEQ_CST);
 }
 
+// __real_NAME is the C library's own; the linker hands the calls of this program's code to
+// __wrap_NAME (--wrap).
 extern "C" {
 
-int pipe(int fds[2]) noexcept
+int __real_pipe(int fds[2]);
+int __wrap_pipe(int fds[2])
 {
-    return begin(__builtin_return_address(0), "pipe") ? nextPipe(fds) : -1;
+    return begin("pipe") ? __real_pipe(fds) : -1;
 }
 
-pid_t fork() noexcept
+pid_t __real_fork();
+pid_t __wrap_fork()
 {
-    return begin(__builtin_return_address(0), "fork") ? nextFork() : -1;
+    return begin("fork") ? __real_fork() : -1;
 }
 
-int close(int fd)
+int __real_close(int fd);
+int __wrap_close(int fd)
 {
-    return begin(__builtin_return_address(0), "close", {fd}) ? nextClose(fd) : -1;
+    return begin("close", {fd}) ? __real_close(fd) : -1;
 }
 
-int dup2(int from, int to) noexcept
+/// Takes a signal that a test holds back, as if it arrived now.
+int __wrap_poll(pollfd *fds, nfds_t count, int timeout)
 {
-    return begin(__builtin_return_address(0), "dup2", {from, to}) ? nextDup2(from, to) : -1;
-}
-
-int poll(pollfd *fds, nfds_t count, int timeout)
-{
-    if (!isOurs(__builtin_return_address(0))) {
-        return nextPoll(fds, count, timeout);
+    if (isRecorded()) {
+        noteWait("poll", {static_cast<long>(count), timeout});
     }
-    if (isRecorded(__builtin_return_address(0))) {
-        noteWait(__builtin_return_address(0), "poll", {static_cast<long>(count), timeout});
-    }
-    // Takes a signal that a test holds back, as if it arrived now.
     const timespec limit{timeout / 1000, timeout % 1000 * 1'000'000L};
     const sigset_t none{};
     return ppoll(fds, count, timeout < 0 ? nullptr : &limit, &none);
 }
 
-ssize_t read(int fd, void *buffer, size_t size)
+ssize_t __real_read(int fd, void *buffer, size_t size);
+ssize_t __wrap_read(int fd, void *buffer, size_t size)
 {
-    if (isRecorded(__builtin_return_address(0))) {
-        noteWait(__builtin_return_address(0), "read", {fd, static_cast<long>(size)});
+    if (isRecorded()) {
+        noteWait("read", {fd, static_cast<long>(size)});
     }
     const bool counted = fd >= 0 && fd < descriptors;
     if (counted) {
         __atomic_add_fetch(&reading[fd], 1, __ATOMIC_SEQ_CST);
     }
-    const ssize_t count = nextRead(fd, buffer, size);
+    const ssize_t count = __real_read(fd, buffer, size);
     if (counted) {
         __atomic_sub_fetch(&reading[fd], 1, __ATOMIC_SEQ_CST);
     }
     return count;
 }
 
-int usleep(useconds_t pause)
+int __real_usleep(useconds_t pause);
+int __wrap_usleep(useconds_t pause)
 {
-    if (!isOurs(__builtin_return_address(0))) {
-        return nextUsleep(pause);
+    if (isRecorded()) {
+        noteWait("usleep", {static_cast<long>(pause)});
     }
-    if (isRecorded(__builtin_return_address(0))) {
-        noteWait(__builtin_return_address(0), "usleep", {static_cast<long>(pause)});
-    }
-    __atomic_add_fetch(&pauses, 1, __ATOMIC_SEQ_CST);
-    return nextUsleep(pauseLength);
+    return __real_usleep(pauseLength);
 }
 
 /// A signal to everybody or to a group is noted and goes nowhere: no fault of the code under test
 /// may bring the machine down.
-int kill(pid_t process, int signal) noexcept
+int __real_kill(pid_t process, int signal);
+int __wrap_kill(pid_t process, int signal)
 {
-    begin(__builtin_return_address(0), "kill", {process, signal});
+    begin("kill", {process, signal});
     if (process <= 0) {
         errno = ESRCH;
         return -1;
     }
-    return nextKill(process, signal);
+    return __real_kill(process, signal);
 }
 
-int system(const char *command)
+int __real_system(const char *command);
+int __wrap_system(const char *command)
 {
-    begin(__builtin_return_address(0), "system", {}, QByteArray(" ") + command);
-    return nextSystem(command);
+    begin("system", {}, QByteArray(" ") + command);
+    return __real_system(command);
 }
 
-int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*entry)(void *),
-                   void *argument) noexcept
+int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
+                          void *(*entry)(void *), void *argument);
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
+                          void *(*entry)(void *), void *argument)
 {
-    return begin(__builtin_return_address(0), "pthread_create", {},
-                 attributes == nullptr ? "" : " with attributes")
-               ? nextCreate(thread, attributes, entry, argument)
+    return begin("pthread_create", {}, attributes == nullptr ? "" : " with attributes")
+               ? __real_pthread_create(thread, attributes, entry, argument)
                : errno;
 }
 
-int pthread_cancel(pthread_t thread)
+int __real_pthread_cancel(pthread_t thread);
+int __wrap_pthread_cancel(pthread_t thread)
 {
-    begin(__builtin_return_address(0), "pthread_cancel");
-    return nextCancel(thread);
+    begin("pthread_cancel");
+    return __real_pthread_cancel(thread);
 }
 
 /// Leaks are looked for in the test's own process: one that was forked holds copies of everything,
 /// without the threads that know them.
-int __lsan_is_turned_off() // NOLINT(bugprone-reserved-identifier): the sanitizer's own name
+int __lsan_is_turned_off()
 {
     return getpid() != testProcess ? 1 : 0;
 }

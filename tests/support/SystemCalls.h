@@ -6,14 +6,12 @@
 #include <functional>
 #include <unistd.h>
 
-/// Takes the place of the C library's calls that the launcher makes: notes each in one log, in
-/// order, and hands it on. Linked into whatever has a runner, so that none, however broken, can
-/// signal every process there is.
-/// pipe fork close dup2 poll read usleep kill system pthread_create pthread_cancel
+/// Takes the place of the C library's calls that the launcher makes (CMakeLists.txt lists them):
+/// notes each in one log, in order, and hands it on. Linked into whatever has a runner, so that
+/// none, however broken, can signal every process there is.
 ///
-/// Noted are the calls of this program's own code, not those of a library, on the thread that
-/// called record() and in the processes that it forks. A line is the call's name and its numbers:
-/// "kill 1234 9".
+/// Noted are the calls on the thread that called record() and in the processes that it forks. A
+/// line is the call's name and its numbers: "kill 1234 9".
 namespace SystemCalls {
 
 /// Empties the log and notes every call from here on. While @p flag holds true, lines get
@@ -38,8 +36,6 @@ void at(const char *name, std::function<void()> action);
 
 /// usleep() lasts 2 ms, whatever it is asked for; from now on, as long as here.
 void changePauses(useconds_t microseconds);
-/// How many pauses any thread has begun.
-int pausesBegun();
 /// The threads inside a read of @p fd, those that were cancelled there included.
 int readersOf(int fd);
 
