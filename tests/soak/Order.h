@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <csignal>
 #include <sys/types.h>
 
@@ -10,18 +11,19 @@ constexpr int orderSignal = SIGUSR1;
 constexpr int reportsTaken = 202; ///< a service that awaits its orders
 constexpr int reportsGiven = 203; ///< has written its process id here, which it inherits
 
-/// What the stop command is to tell nginx: the two numbers of an order.
+/// What the stop command is to give nginx: its process id and the pause.
 constexpr const char *orderVariable = "ORVANE_ORDER";
 
-struct Order
-{
-    pid_t service;
-    int pause; ///< microseconds until it writes
-};
-
-inline void giveOrder(const Order &order)
+inline void giveOrder(pid_t service, int pause)
 {
     sigval value{};
-    value.sival_int = order.pause;
-    sigqueue(order.service, orderSignal, value);
+    value.sival_int = pause;
+    sigqueue(service, orderSignal, value);
+}
+
+inline void waitBusily(unsigned microseconds)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(microseconds);
+    while (std::chrono::steady_clock::now() < end) {
+    }
 }

@@ -2,30 +2,19 @@
 
 #include "tests/soak/Order.h"
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <sys/prctl.h>
 #include <unistd.h>
 
-namespace {
-
-void waitBusily(std::chrono::microseconds pause)
-{
-    const auto end = std::chrono::steady_clock::now() + pause;
-    while (std::chrono::steady_clock::now() < end) {
-    }
-}
-
-} // namespace
-
 int main(int argc, char **)
 {
     if (argc > 1) { // -s stop
-        Order order{};
-        if (const char *words = std::getenv(orderVariable)) {
-            std::sscanf(words, "%d %d", &order.service, &order.pause);
-            giveOrder(order);
+        pid_t service = 0;
+        int pause = 0;
+        const char *order = std::getenv(orderVariable);
+        if (order != nullptr && std::sscanf(order, "%d %d", &service, &pause) == 2) {
+            giveOrder(service, pause);
         }
         return 0;
     }
@@ -38,7 +27,7 @@ int main(int argc, char **)
     [[maybe_unused]] ssize_t count = write(reportsGiven, &self, sizeof(self));
     siginfo_t order{};
     while (sigwaitinfo(&orders, &order) == orderSignal) {
-        waitBusily(std::chrono::microseconds(order.si_value.sival_int));
+        waitBusily(static_cast<unsigned>(order.si_value.sival_int));
         count = write(STDOUT_FILENO, "a row\n", 6);
     }
 }

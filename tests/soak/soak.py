@@ -13,11 +13,12 @@ import tempfile
 import time
 from pathlib import Path
 
+import psutil
 from Xlib.error import XError
 
 from drive.bundle import SITE_PORT, Bundle, Nginx, ThrowAway, port_open, site_answers
 from drive.desktop import Desktop, Launcher
-from drive.processes import exit_on_signals, wait_for
+from drive.processes import GONE, existing, exit_on_signals, wait_for
 
 KINDS = {"chatty": "services that flood their output",
          "real": "the services of the bundle",
@@ -32,7 +33,7 @@ LONGEST_LOOK = 0.3  # seconds
 LONGEST_PAUSE = 0.4  # seconds between a deploy and a stop; the launcher reads every 0.2
 LONGEST_START = 0.06  # seconds; nginx serves after about half of it
 STARTS_OF_NGINX = 4  # a cycle
-REPORT_EVERY = 50  # cycles, where there is no terminal
+REPORT_EVERY = 50  # cycles
 
 
 class Run:
@@ -49,26 +50,23 @@ class Run:
                                      nginx=FLOOD, rpc=FLOOD, stop="").program
             self.services = ["yes", "yes"]
         self.failures = []  # crashes and hangs
-        self.launcher = None
+        self.launcher = self.process = None
         self.ended = 0  # how many of the launcher's children had ended when it was last looked at
-        self.figures = []  # descriptors and resident memory (KiB) after each cycle of a launcher
 
     def children(self):
         """Returns the process ids in the order of their start; ended ones too: none is reaped."""
         path = Path(f"/proc/{self.launcher.pid}/task/{self.launcher.pid}/children")
-        return path.read_text().split()
+        return list(map(int, path.read_text().split()))
 
     def running(self):
         """Returns the names of the launcher's children that run, sorted."""
         names = []
-        for pid in self.children()[self.ended:]:
+        for child in existing(self.children()[self.ended:]):
             try:
-                stat = Path(f"/proc/{pid}/stat").read_text()
-            except (FileNotFoundError, ProcessLookupError):
-                continue  # the stop command
-            name, _, state = stat.partition("(")[2].rpartition(") ")
-            if state[0] != "Z":
-                names.append(name)
+                if child.status() != psutil.STATUS_ZOMBIE:
+                    names.append(child.name())
+            except GONE:
+                pass  # the stop command
         return sorted(names)
 
     def wait(self, what, condition):
@@ -103,34 +101,32 @@ class Run:
         self.wait("four services, all ended",
                   lambda: len(self.children()) == deployed and not self.running())
         self.ended = deployed
-        pages = Path(f"/proc/{self.launcher.pid}/statm").read_text().split()[1]
-        self.figures.append((self.descriptors(),
-                             int(pages) * resource.getpagesize() // 1024))
-
-    def descriptors(self):
-        """Returns how many the launcher has."""
-        return len(os.listdir(f"/proc/{self.launcher.pid}/fd"))
 
     def life_of_a_launcher(self, desktop, cycles):
         """Up to so many cycles. Returns how many there were."""
-        self.figures.clear()
         self.ended = done = 0
         with Launcher(desktop, self.program, cwd="/", landmarks=self.landmarks) as self.launcher:
+            self.process = psutil.Process(self.launcher.pid)
             try:
                 while done < cycles:
                     done += 1
                     self.cycle()
-                    self.report(done)
-                expected = self.figures[0][0] + DESCRIPTORS * (done - 1)
-                self.wait(f"{expected} descriptors", lambda: self.descriptors() == expected)
+                    if done == 1:
+                        expected = self.process.num_fds() + DESCRIPTORS * (cycles - 1)
+                    if done in (1, cycles) or done % REPORT_EVERY == 0:
+                        memory = self.process.memory_info().rss // 1024
+                        print(f"{self.kind}: {done} cycles of this launcher, {memory} KiB",
+                              flush=True)
+                self.wait(f"{expected} descriptors", lambda: self.process.num_fds() == expected)
                 self.launcher.close()
                 if status := self.launcher.wait():
                     raise ChildProcessError(f"ended with {status} when it was closed")
                 if left := self.launcher.started():
                     raise ChildProcessError(f"left running: {left}")
-            except (ChildProcessError, TimeoutError, subprocess.TimeoutExpired, XError) as why:
+            except (ChildProcessError, TimeoutError, subprocess.TimeoutExpired, XError,
+                    *GONE) as why:
                 self.failures.append(str(why))
-                print(f"\n{self.kind}: {why}\n{self.launcher.errors[-500:]}")
+                print(f"{self.kind}: {why}\n{self.launcher.errors[-500:]}")
         return done
 
     def go(self, cycles):
@@ -141,23 +137,9 @@ class Run:
             while done < cycles:
                 done += self.life_of_a_launcher(
                     desktop, min(cycles - done, descriptors // DESCRIPTORS))
-        print(f"\n{self.kind}: {cycles} cycles, {(time.monotonic() - begin) / cycles:.2f} s each; "
+        print(f"{self.kind}: {cycles} cycles, {(time.monotonic() - begin) / cycles:.2f} s each; "
               f"{len(self.failures)} crashes, hangs and leftovers {self.failures or ''}")
-        steps = len(self.figures) - 1
-        for column, unit in enumerate(("descriptors ", "resident KiB") if steps > 0 else ()):
-            first, last = self.figures[0][column], self.figures[-1][column]
-            print(f"  {unit} {first} after the launcher's first cycle, {last} after its "
-                  f"{steps + 1}th: {(last - first) / steps:.1f} a cycle")
         return not self.failures and not port_open(SITE_PORT)
-
-    def report(self, done):
-        """One line now and then."""
-        terminal = sys.stdout.isatty()
-        if terminal or done % REPORT_EVERY == 0:
-            descriptors, memory = self.figures[-1]
-            print(f"{self.kind}: {done} cycles of this launcher, {len(self.failures)} failures, "
-                  f"{descriptors} descriptors, {memory} KiB",
-                  end="\r" if terminal else "\n", flush=True)
 
 
 def start_nginx(cycles, directory, user=None, writable=True):
@@ -179,17 +161,12 @@ def start_nginx(cycles, directory, user=None, writable=True):
         return good and "taken" not in nginx.output and "held" not in nginx.output
 
 
-def aim(cycles, build, directory, seed):
-    """Returns whether few enough of the aimed stops ended the launcher; prints how many did."""
-    bundle = Bundle(directory, build / "AimedStops", *[build / "ToldService"] * 2)
-    return subprocess.run([bundle.program, str(cycles), str(seed)], check=False).returncode == 0
-
-
 def go(kind, cycles, build, directory, seed):
     """Returns whether all went well."""
     random.seed(seed)
     if kind == "aimed":
-        return aim(cycles, build, directory, seed)
+        bundle = Bundle(directory, build / "AimedStops", *[build / "ToldService"] * 2)
+        return subprocess.run([bundle.program, str(cycles), str(seed)], check=False).returncode == 0
     if kind != "nginx":
         return Run(kind, build, directory).go(cycles)
     user = None if os.getuid() else pwd.getpwnam("nobody").pw_uid
@@ -215,8 +192,7 @@ def main():
         parser.error(f"the kinds are {', '.join(KINDS)}, and the cycles 1 or more")
     # Every deploy leaves two descriptors open for the launcher's life.
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    many = MANY_DESCRIPTORS if hard == resource.RLIM_INFINITY else min(hard, MANY_DESCRIPTORS)
-    resource.setrlimit(resource.RLIMIT_NOFILE, (many, hard))
+    resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, MANY_DESCRIPTORS), hard))
     exit_on_signals()
     print(f"soak: --seed {options.seed}", flush=True)
     bad = []
