@@ -11,7 +11,7 @@ from pathlib import Path
 
 import psutil
 from PIL import ImageGrab
-from Xlib import XK, X, Xatom, display, error
+from Xlib import X, Xatom, display, error
 from Xlib.ext import xtest
 from Xlib.protocol import event
 
@@ -25,7 +25,7 @@ TABS = ("directions", "rpc", "nginx")
 
 
 class Desktop:
-    """A virtual X server, with the mouse and the keyboard of whoever sits in front of it.
+    """A virtual X server, with the mouse of whoever sits in front of it.
 
     Raises RuntimeError when none starts.
     """
@@ -85,21 +85,14 @@ class Desktop:
         xtest.fake_input(self.display, X.MotionNotify, x=x, y=y)
         self.display.sync()
 
-    def press(self, button=1):
-        """Presses this button of the mouse, where it points."""
-        xtest.fake_input(self.display, X.ButtonPress, button)
+    def press(self):
+        """Presses the left button of the mouse, where it points."""
+        xtest.fake_input(self.display, X.ButtonPress, 1)
         self.display.sync()
 
-    def release(self, button=1):
+    def release(self):
         """Releases it."""
-        xtest.fake_input(self.display, X.ButtonRelease, button)
-        self.display.sync()
-
-    def key(self, name):
-        """Presses and releases the key of this name."""
-        code = self.display.keysym_to_keycode(XK.string_to_keysym(name))
-        xtest.fake_input(self.display, X.KeyPress, code)
-        xtest.fake_input(self.display, X.KeyRelease, code)
+        xtest.fake_input(self.display, X.ButtonRelease, 1)
         self.display.sync()
 
     def picture(self, box=None):
@@ -125,15 +118,13 @@ class Desktop:
 
 class Launcher:
     """The launcher in its window on a desktop. `options` are its own, for the toolkit; `landmarks`
-    is the program that tells where its widgets lie, beside the bundle if it is not given; `within`
-    is a command that it is started by and that becomes it.
+    is the program that tells where its widgets lie, beside the bundle if it is not given.
 
-    Its standard output and error go into files (`output`, `errors`), unless `stdout` says else.
-    Raises RuntimeError when it ends at once, TimeoutError when no window comes.
+    Its standard output and error go into files (`output`, `errors`). Raises RuntimeError when it
+    ends at once, TimeoutError when no window comes.
     """
 
-    def __init__(self, desktop, program, options=(), cwd=None, stdout=None, landmarks=None,
-                 within=()):
+    def __init__(self, desktop, program, options=(), cwd=None, landmarks=None):
         self.desktop = desktop
         self.program = os.path.abspath(program)
         adopt_orphans()
@@ -144,9 +135,9 @@ class Launcher:
         self.landmarks = self._find_landmarks(landmarks, options)
         with open(self._output, "wb") as output, open(self._errors, "wb") as errors:
             self.process = subprocess.Popen(
-                [*within, self.program, *options], cwd=cwd, env=self.environment,
-                stdout=stdout or output, stderr=errors, stdin=subprocess.DEVNULL,
-                start_new_session=True, preexec_fn=self._as_from_a_menu)
+                [self.program, *options], cwd=cwd, env=self.environment, stdout=output,
+                stderr=errors, stdin=subprocess.DEVNULL, start_new_session=True,
+                preexec_fn=self._as_from_a_menu)
         try:
             self.window = wait_for("the launcher's window", self._window_or_exit)
             self._check_size()
@@ -215,25 +206,11 @@ class Launcher:
         x, y = self.landmarks[landmark]
         self.desktop.move(left + x, top + y)
 
-    def press(self, landmark, button=1):
-        """Presses a button of the mouse there, and holds it."""
+    def click(self, landmark):
+        """Presses the left button of the mouse there and releases it."""
         self.point_at(landmark)
-        self.desktop.press(button)
-
-    def click(self, landmark, button=1):
-        """Presses a button of the mouse there and releases it."""
-        self.press(landmark, button)
-        self.desktop.release(button)
-
-    def double_click(self, landmark):
-        """Clicks twice, as fast as it goes."""
-        self.click(landmark)
-        self.click(landmark)
-
-    def take_focus(self):
-        """Directs the keyboard at the window, as a window manager would."""
-        self.window.set_input_focus(X.RevertToParent, X.CurrentTime)
-        self.desktop.display.sync()
+        self.desktop.press()
+        self.desktop.release()
 
     def picture(self, landmark=None):
         """Returns the window as the screen shows it, or one of its rectangular landmarks."""

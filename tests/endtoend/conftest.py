@@ -35,19 +35,19 @@ def real(directory, build):
 
 @pytest.fixture
 def launch(desktop, build, ending):
-    """launch(program, ...): the launcher in its window, as drive.desktop.Launcher."""
+    """launch(program): the launcher in its window, as drive.desktop.Launcher."""
     # Not in the bundle's directory: the launcher must not depend on where it was started.
-    return lambda program, options=(), **how: ending.enter_context(
-        Launcher(desktop, program, options, cwd="/", landmarks=build / "landmarks", **how))
+    return lambda program: ending.enter_context(
+        Launcher(desktop, program, cwd="/", landmarks=build / "landmarks"))
 
 
 @pytest.fixture
 def assert_list_shows(directory, build, request):
     """assert_list_shows(launcher, name, rows): the tab comes to show these rows, to the pixel."""
-    def check(launcher, name, *rows, options=()):
+    def check(launcher, name, *rows):
         expected = directory / "expected.png"
-        subprocess.run([build / "landmarks", *options, name, expected, *rows],
-                       env=launcher.environment, check=True)
+        subprocess.run([build / "landmarks", name, expected, *rows], env=launcher.environment,
+                       check=True)
         pixels = Image.open(expected).convert("RGB").tobytes()
 
         def shown():

@@ -1,7 +1,5 @@
 """The steps that the stories have in common."""
 
-import re
-
 from drive.bundle import RPC_PORT, SITE_PORT, port_open, site_answers
 from drive.processes import wait_for
 
@@ -34,8 +32,3 @@ def close(launcher):
     wait_for("nothing left running", lambda: not launcher.started())
     assert not port_open(SITE_PORT)
     assert not port_open(RPC_PORT)
-
-
-def without_pids(text):
-    """Returns the launcher's lines with an N for each process id."""
-    return re.sub(r"pid:\d+\n", "pid:N\n", text)
