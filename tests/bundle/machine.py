@@ -1,4 +1,4 @@
-"""Who runs the tests of the services, and what the machine lets them do."""
+"""Who runs the tests of the services, what the machine lets them do, and what they share."""
 
 import os
 import pwd
@@ -7,9 +7,14 @@ from pathlib import Path
 
 import pytest
 
+from drive.bundle import SITE_PORT, port_open
+from drive.processes import wait_for
+
 ME = os.getuid()
 USER = pwd.getpwnam("nobody").pw_uid if ME == 0 else ME  # an ordinary user
 USERS = sorted({ME, USER})
+JSON = {"Content-Type": "application/json"}
+OPEN = '{"jsonrpc": "2.0", "id": 1, "method": "channel.open"}'
 
 
 def has_ipv6():
@@ -35,3 +40,15 @@ def can_mount():
 takes_root = pytest.mark.skipif(ME != 0, reason="takes root to give files away")
 takes_ipv6 = pytest.mark.skipif(not has_ipv6(), reason="there is no IPv6 here")
 takes_a_mount = pytest.mark.skipif(not can_mount(), reason="takes a mount of its own")
+
+
+def assert_one_line(output, *words):
+    """It is one line, which has the words."""
+    assert output.count("\n") == 1, output
+    assert [word for word in words if word not in output] == [], output
+
+
+def assert_nothing_left(nginx):
+    """Its processes end, and the port is closed."""
+    wait_for("no process is left", lambda: not nginx.left())
+    wait_for("the port is closed", lambda: not port_open(SITE_PORT))

@@ -5,13 +5,12 @@ import json
 import threading
 
 import pytest
+from machine import JSON, OPEN
 
 from drive.browser import Browser
 from drive.bundle import ask
 from drive.processes import wait_for
 
-JSON = {"Content-Type": "application/json"}
-OPEN = json.dumps({"jsonrpc": "2.0", "id": 1, "method": "channel.open"})
 BATCH = f"[{', '.join([OPEN] * 16)}]"
 LOADED = "return document.readyState == 'complete' && location.href"
 IS_THE_PAGE = "return document.getElementById('open') != null"
@@ -25,13 +24,6 @@ PAGES = {
         body: '{batch}'}}).catch(() => 0).finally(() => document.title = 'sent')</script>""",
     "frame": "<iframe src=http://{target}/></iframe>",
     "popup": """<button id=go onclick="window.open('http://{target}/')">go</button>""",
-    "preconnect": """<script>let number = 0; setInterval(() => {{
-        const link = document.createElement('link');
-        link.rel = 'preconnect';
-        link.href = `http://${{++number}}.example:{port}`;
-        document.head.append(link);
-        if (number == 80) document.title = 'sent';
-        }}, 1000 / 16)</script>""",
 }
 
 
@@ -41,7 +33,7 @@ class Site(http.server.BaseHTTPRequestHandler):
     def do_GET(self):
         """Answers with the page."""
         _, kind, target = self.path.split("/")
-        page = PAGES[kind].format(target=target, port=target.split(":")[-1], batch=BATCH)
+        page = PAGES[kind].format(target=target, batch=BATCH)
         self.send_response(200)
         self.send_header("Content-Type", "text/html")
         self.end_headers()
@@ -109,11 +101,3 @@ def test_window_shows_the_page_under_its_own_name_only(browser, attack, target, 
         assert browser.run(IS_THE_PAGE) == shown
         if shown:
             assert browser.run("return window.opener == null")
-
-
-@pytest.mark.parametrize("port", [4200, 4201])
-def test_preconnects_keep_nobody_waiting(browser, attack, port):
-    rows = attack("preconnect", f"attacker.example:{port}")
-    wait_for("five seconds of them", lambda: browser.run("return document.title") == "sent")
-    assert_untouched(rows)
-    assert ask()[0] == 200

@@ -4,81 +4,61 @@ import os
 import stat
 
 import pytest
-from machine import ME, USER, takes_a_mount, takes_root, with_mount
+from machine import (ME, USER, assert_nothing_left, assert_one_line, takes_a_mount, takes_root,
+                     with_mount)
 
 from drive.bundle import Nginx, ask
 
 STRANGER = 12345  # a user who is neither root nor the ordinary one
 
 
+def with_variables(**variables):
+    """Returns an environment with these and without a home."""
+    return {**Nginx.PLAIN, **{name: str(value) for name, value in variables.items()}}
+
+
 @pytest.fixture
 def shipped(make_nginx):
     """shipped(name, ...): one that the ordinary user cannot write in, and its environment."""
-    return lambda name="", **environment: make_nginx(
-        name, user=USER, writable=False,
-        environment={**Nginx.PLAIN, **{key: str(value) for key, value in environment.items()}})
+    return lambda name="", **variables: make_nginx(
+        name, user=USER, writable=False, environment=with_variables(**variables))
 
 
-@pytest.fixture
-def assert_serves_from(assert_nothing_left):
-    """assert_serves_from(nginx, base): it writes below base and nowhere else, and is stopped."""
-    def check(nginx, base):
-        nginx.deploy()
-        line, = nginx.output.splitlines()
-        assert f"{nginx.directory}/run is not a directory that only this user may write in" in line
-        assert f"nginx writes in {base}/orvane/" in line
-        made, = (base / "orvane").iterdir()
-        assert (made / "run/nginx.pid").exists()
-        for directory in (base / "orvane", made, made / "run"):
-            assert stat.S_IMODE(directory.stat().st_mode) == 0o700, directory
-            assert directory.stat().st_uid == USER
-        assert not (nginx.directory / "run").exists()
-        assert ask()[0] == 200
-        assert nginx.stop_command() == (0, "")
-        assert_nothing_left(nginx)
-
-    return check
+def assert_refuses(nginx):
+    """It ends and says that there is no place to write in."""
+    nginx.start()
+    assert nginx.child.wait(30) != 0
+    assert_one_line(nginx.output, "no place to write", str(nginx.directory / "run"),
+                    "[Deploy Service]")
 
 
-@pytest.fixture
-def assert_refuses(assert_one_line):
-    """assert_refuses(nginx): it ends and says that there is no place to write in."""
-    def check(nginx):
-        nginx.start()
-        assert nginx.child.wait(30) != 0
-        assert_one_line(nginx.output, "no place to write", str(nginx.directory / "run"),
-                        "[Deploy Service]")
-
-    return check
-
-
-def test_outlives_the_session(shipped, make_directory, assert_serves_from):
-    runtime, home = make_directory("runtime"), make_directory("home")
-    assert_serves_from(shipped(XDG_RUNTIME_DIR=runtime, HOME=home), home / ".local/state")
-    assert list(runtime.iterdir()) == []
-
-
-def test_is_the_state_directory(shipped, make_directory, assert_serves_from):
+@pytest.mark.parametrize(("variables", "base"), [
+    ({}, ".local/state"), ({"XDG_STATE_HOME": "{}/state"}, "state"),
+    ({"XDG_STATE_HOME": "html"}, ".local/state"),  # which would lie in the bundle
+    ({"XDG_RUNTIME_DIR": "{}"}, ".local/state")])  # which goes with the session
+def test_is_below_the_state_directory_and_nowhere_else(shipped, make_directory, variables, base):
     home = make_directory("home")
-    assert_serves_from(shipped(XDG_STATE_HOME=home / "state", HOME=home), home / "state")
-
-
-def test_is_in_the_home_without_xdg_variables(shipped, make_directory, assert_serves_from):
-    home = make_directory("home")
-    assert_serves_from(shipped(HOME=home), home / ".local/state")
-
-
-def test_takes_only_absolute_paths_from_the_environment(shipped, make_directory,
-                                                        assert_serves_from):
-    home = make_directory("home")
-    nginx = shipped(XDG_STATE_HOME="html", HOME=home)
+    nginx = shipped(HOME=home, **{name: at.format(home) for name, at in variables.items()})
     os.chown(nginx.directory / "html", USER, -1)
-    assert_serves_from(nginx, home / ".local/state")
+    nginx.deploy()
+    line, = nginx.output.splitlines()
+    assert f"{nginx.directory}/run is not a directory that only this user may write in" in line
+    assert f"nginx writes in {home}/{base}/orvane/" in line
+    made, = (home / base / "orvane").iterdir()
+    assert (made / "run/nginx.pid").exists()
+    for directory in (home / base / "orvane", made, made / "run"):
+        assert stat.S_IMODE(directory.stat().st_mode) == 0o700, directory
+        assert directory.stat().st_uid == USER
+    assert [path.name for path in home.iterdir()] == [base.split("/")[0]]
+    assert not (nginx.directory / "run").exists()
+    assert ask()[0] == 200
+    assert nginx.stop_command() == (0, "")
+    assert_nothing_left(nginx)
 
 
 def test_is_not_made_where_the_bundle_can_be_written(deploy_nginx, make_directory):
     state = make_directory("state")
-    nginx = deploy_nginx(user=USER, environment={**Nginx.PLAIN, "XDG_STATE_HOME": str(state)})
+    nginx = deploy_nginx(user=USER, environment=with_variables(XDG_STATE_HOME=state))
     assert nginx.output == ""
     assert nginx.pid_file.exists()
     assert list(state.iterdir()) == []
@@ -93,21 +73,21 @@ def test_differs_from_bundle_to_bundle(shipped, make_directory):
 
 
 @pytest.mark.parametrize("mode", [0o707, 0o770])
-def test_is_not_one_that_others_may_write_in(shipped, make_directory, assert_refuses, mode):
+def test_is_not_one_that_others_may_write_in(shipped, make_directory, mode):
     state = make_directory("state")
     make_directory("state/orvane", mode=mode)
     assert_refuses(shipped(XDG_STATE_HOME=state))
 
 
 @pytest.mark.parametrize("target", ["elsewhere", "nowhere"])
-def test_is_no_symbolic_link(shipped, make_directory, assert_refuses, directory, target):
+def test_is_no_symbolic_link(shipped, make_directory, directory, target):
     state, elsewhere = make_directory("state"), make_directory("elsewhere")
     (state / "orvane").symlink_to(directory / target)
     assert_refuses(shipped(XDG_STATE_HOME=state))
     assert list(elsewhere.iterdir()) == []
 
 
-def test_says_so_when_no_directory_can_be_written(shipped, make_directory, assert_refuses, ending):
+def test_says_so_when_no_directory_can_be_written(shipped, make_directory, ending):
     closed = make_directory("closed", mode=0o500)
     ending.callback(closed.chmod, 0o700)
     assert_refuses(shipped(XDG_STATE_HOME=closed, HOME=closed))
@@ -115,7 +95,7 @@ def test_says_so_when_no_directory_can_be_written(shipped, make_directory, asser
 
 @takes_root
 @pytest.mark.parametrize(("user", "inner"), [(STRANGER, None), (USER, STRANGER)])
-def test_is_nobody_elses(shipped, make_directory, assert_refuses, user, inner):
+def test_is_nobody_elses(shipped, make_directory, user, inner):
     base = make_directory("base", user, 0o777)
     if inner:
         make_directory("base/orvane", inner, 0o777)
@@ -126,24 +106,22 @@ def test_is_nobody_elses(shipped, make_directory, assert_refuses, user, inner):
 @pytest.mark.parametrize(("user", "mode"), [
     pytest.param(STRANGER, 0o700, marks=takes_root), (USER, 0o720), (USER, 0o702), (USER, None)])
 def test_is_used_where_the_run_directory_is_not_this_users_alone(
-        make_nginx, make_directory, user, mode):
-    nginx = make_nginx(user=USER)
+        make_nginx, make_directory, directory, user, mode):
+    nginx = make_nginx(user=USER, environment=with_variables(HOME=make_directory("home")))
     found = make_directory("run" if mode is None else "orvane.app/nginx/run", user, mode or 0o700)
     if mode is None:
         (nginx.directory / "run").symlink_to(found)
-    home = make_directory("home")
-    nginx.environment = {**Nginx.PLAIN, "HOME": str(home)}
     nginx.deploy()
-    assert f"nginx writes in {home}/.local/state/orvane/" in nginx.output
+    assert f"nginx writes in {directory}/home/.local/state/orvane/" in nginx.output
     assert list(found.iterdir()) == []
 
 
 def test_takes_nothing_over_that_it_finds_in_the_run_directory(make_nginx, make_directory):
     nginx, elsewhere = make_nginx(), make_directory("elsewhere", ME)
     kept = elsewhere / "kept"
+    kept.write_text("mine")
     run = make_directory("orvane.app/nginx/run", ME)
     for name in ("nginx.pid", "nginx.lock", "ipv6.conf"):
-        kept.write_text("mine")
         (run / name).symlink_to(kept)
     (run / "proxy").symlink_to(elsewhere)
     (run / "ipv6x.conf").write_text("nonsense;")
@@ -161,7 +139,7 @@ def test_takes_nothing_over_that_it_finds_in_the_run_directory(make_nginx, make_
 def test_is_not_made_by_root_in_the_home_of_a_user(
         make_nginx, make_directory, variable, value, status):
     home = make_directory("home")
-    nginx = make_nginx(environment={**Nginx.PLAIN, variable: value.format(home)})
+    nginx = make_nginx(environment=with_variables(**{variable: value.format(home)}))
     make_directory("orvane.app/nginx/run", STRANGER)
     assert nginx.run("-t", before=with_mount("-t tmpfs tmpfs /root"))[0] == status
     assert list(home.iterdir()) == []
@@ -171,7 +149,7 @@ def test_is_not_made_by_root_in_the_home_of_a_user(
 @takes_a_mount
 def test_serves_root_from_a_read_only_disk(make_nginx, make_directory):
     home = make_directory("home", ME)
-    nginx = make_nginx(environment={**Nginx.PLAIN, "HOME": str(home)})
+    nginx = make_nginx(environment=with_variables(HOME=home))
     assert nginx.run("-t")[0] == 0
     assert list(home.iterdir()) == []
     read_only = with_mount(f"--bind -o ro {nginx.directory} {nginx.directory}")

@@ -8,17 +8,31 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from machine import ME, USERS, has_ipv6, takes_a_mount, takes_ipv6, with_mount
+from machine import (JSON, ME, USERS, assert_nothing_left, assert_one_line, has_ipv6, takes_a_mount,
+                     takes_ipv6, with_mount)
 
 from drive.bundle import SITE_PORT, Nginx, ask
 from drive.processes import wait_for
 
-CLEAN_TEST = re.compile(r"nginx: the configuration file \S+ syntax is ok\n"
-                        r"nginx: configuration file \S+ test is successful\n")
+CLEAN_TEST = (r"nginx: the configuration file \S+ syntax is ok\n"
+              r"nginx: configuration file \S+ test is successful\n")
+
+
+def assert_test_is_clean(nginx):
+    """It can be started, and has nothing to warn of."""
+    status, output = nginx.run("-t")
+    assert status == 0, output
+    assert re.fullmatch(CLEAN_TEST, output)
+
+
+def make_program(path, command):
+    """Writes a script that runs this command."""
+    path.write_text(f"#!/bin/sh\n{command}\n", encoding="ascii")
+    path.chmod(0o755)
 
 
 @pytest.mark.parametrize("user", USERS)
-def test_serves_the_page(deploy_nginx, assert_nothing_left, user):
+def test_serves_the_page(deploy_nginx, user):
     nginx = deploy_nginx(user=user)
     page = (nginx.directory / "html/index.html").read_text(encoding="utf-8")
     assert ask() == (200, page)
@@ -58,23 +72,19 @@ def test_writes_one_line_for_each_request(deploy_nginx):
         assert re.fullmatch(r"\d\d:\d\d:\d\d" + re.escape(expected), line)
 
 
-@pytest.mark.parametrize("early", [False, True])
-def test_serves_on_when_nobody_reads_its_output(make_nginx, early):
-    nginx = make_nginx()
+def test_serves_on_when_nobody_reads_its_output(make_nginx):
     reading, writing = os.pipe()
-    if early:
-        os.close(reading)
+    nginx = make_nginx()
     nginx.deploy(stdout=writing)
     os.close(writing)
-    if not early:
-        os.close(reading)
+    os.close(reading)
     for _ in range(3):
         assert ask()[0] == 200
 
 
-def test_says_that_the_rpc_server_does_not_answer(deploy_nginx, assert_one_line):
+def test_says_that_the_rpc_server_does_not_answer(deploy_nginx):
     nginx = deploy_nginx()
-    assert ask("/rpc", "{}", headers={"Content-Type": "application/json"})[0] == 502
+    assert ask("/rpc", "{}", headers=JSON)[0] == 502
     wait_for("the line", lambda: nginx.output)
     assert_one_line(nginx.output, " 502 POST /rpc\n")
 
@@ -93,22 +103,17 @@ def test_writes_in_its_run_directory_only(make_nginx, directory):
     assert list(directory.iterdir()) == [nginx.bundle.path]
 
 
+@pytest.mark.parametrize("user", USERS)
+def test_checks_the_configuration_without_a_warning(make_nginx, user):
+    assert_test_is_clean(make_nginx(user=user))
+
+
 @pytest.mark.parametrize(("name", "value"), [
     ("HOME", ""), ("CDPATH", "/usr:/"), ("NGINX", "99;"), ("IFS", "n/"),
     ("BASH_ENV", "{}/bash_env"), ("SHELLOPTS", "noexec"), ("BASH_SOURCE", "{}/sbin/nginx")])
 def test_takes_no_harm_from_the_environment(make_nginx, directory, name, value):
     (directory / "bash_env").write_text("exit 3\n", encoding="ascii")
-    nginx = make_nginx(environment={**Nginx.PLAIN, name: value.format(directory)})
-    status, output = nginx.run("-t")
-    assert status == 0, output
-    assert CLEAN_TEST.fullmatch(output)
-
-
-@pytest.mark.parametrize("user", USERS)
-def test_checks_the_configuration_without_a_warning(make_nginx, user):
-    status, output = make_nginx(user=user).run("-t")
-    assert status == 0, output
-    assert CLEAN_TEST.fullmatch(output)
+    assert_test_is_clean(make_nginx(environment={**Nginx.PLAIN, name: value.format(directory)}))
 
 
 def test_names_the_file_of_a_broken_configuration(make_nginx):
@@ -132,38 +137,25 @@ def test_runs_from_any_directory_and_in_a_path_with_blanks_and_quotes(make_nginx
 
 def test_takes_the_first_nginx_in_the_path_that_is_not_itself(make_nginx, make_directory):
     nginx = make_nginx()
-    first = make_directory("bin", ME) / "nginx"
-    first.write_text("#!/bin/sh\necho the first one\n", encoding="ascii")
-    first.chmod(0o755)
-    link = make_directory("link", ME) / "nginx"
-    link.symlink_to(nginx.directory / "sbin/nginx")
-    (nginx.directory / "html/nginx").write_text("#!/bin/sh\necho a part of the site\n")
-    (nginx.directory / "html/nginx").chmod(0o755)
-    nginx.environment = {
-        "PATH": f"html:sbin::{nginx.directory}/sbin:{link.parent}:{first.parent}:/usr/sbin"}
+    first, link = make_directory("bin", ME), make_directory("link", ME)
+    (link / "nginx").symlink_to(nginx.directory / "sbin/nginx")
+    make_program(nginx.directory / "html/nginx", "echo a part of the site")
+    make_program(first / "nginx", "echo the first one")
+    nginx.environment = {"PATH": f"html:sbin::{nginx.directory}/sbin:{link}:{first}:/usr/sbin"}
     assert nginx.run("-v") == (0, "the first one\n")
 
 
-@pytest.mark.parametrize("path", ["", "html", "/nowhere:html"])
-def test_takes_no_tool_of_its_own_from_the_bundle(make_nginx, path):
-    nginx = make_nginx(environment={"PATH": path})
+@pytest.mark.parametrize("path", [None, "", "html", "/nowhere:html"])
+def test_takes_all_tools_from_the_system_and_none_from_the_bundle(make_nginx, path):
+    nginx = make_nginx(environment={} if path is None else {"PATH": path})
     for name in ("find", "mkdir", "mktemp"):
         for directory in (nginx.directory, nginx.directory / "html"):
-            (directory / name).write_text("#!/bin/sh\nexit 3\n", encoding="ascii")
-            (directory / name).chmod(0o755)
-    status, output = nginx.run("-t")
-    assert status == 0, output
-    assert CLEAN_TEST.fullmatch(output)
-
-
-def test_finds_the_system_nginx_without_a_path(make_nginx):
-    status, output = make_nginx(environment={}).run("-v")
-    assert status == 0, output
-    assert output.startswith("nginx version: nginx/")
+            make_program(directory / name, "exit 3")
+    assert_test_is_clean(nginx)
 
 
 @takes_a_mount
-def test_says_how_to_install_nginx(make_nginx, assert_one_line):
+def test_says_how_to_install_nginx(make_nginx):
     status, output = make_nginx().run(before=with_mount("--bind /dev/null /usr/sbin/nginx"))
     assert status != 0
     assert_one_line(output, "nginx is not installed", "sudo apt-get install nginx",
@@ -173,8 +165,8 @@ def test_says_how_to_install_nginx(make_nginx, assert_one_line):
 @pytest.mark.parametrize(("address", "family"), [
     ("127.0.0.1", socket.AF_INET), ("0.0.0.0", socket.AF_INET),
     pytest.param("::1", socket.AF_INET6, marks=takes_ipv6)])
-def test_says_that_another_program_has_the_port(make_nginx, hold, assert_one_line, address, family):
-    hold(SITE_PORT, address, family)
+def test_says_that_another_program_has_the_port(make_nginx, ending, address, family):
+    ending.enter_context(socket.create_server((address, SITE_PORT), family=family))
     nginx = make_nginx()
     nginx.start()
     assert nginx.child.wait(30) != 0
@@ -182,20 +174,18 @@ def test_says_that_another_program_has_the_port(make_nginx, hold, assert_one_lin
     assert nginx.left() == []
 
 
-def test_waits_for_a_port_that_is_about_to_be_free(make_nginx, hold):
-    holder = hold(SITE_PORT)
+def test_waits_for_a_port_that_is_about_to_be_free(make_nginx):
     nginx = make_nginx()
-    nginx.start()
-    holder.accept()[0].close()  # it has looked
-    holder.close()
+    with socket.create_server(("127.0.0.1", SITE_PORT)) as holder:
+        nginx.start()
+        holder.accept()[0].close()  # it has looked
     wait_for("nginx serves", nginx.serves)
     assert nginx.output == ""
 
 
 @pytest.mark.parametrize("command", [
     "cd {} && sbin/nginx", "cd {} && sbin/nginx; exit"])  # the shell stays, as an older bash does
-def test_replaces_an_nginx_only_when_its_launcher_has_gone(
-        make_nginx, ending, assert_one_line, command):
+def test_replaces_an_nginx_only_when_its_launcher_has_gone(make_nginx, ending, command):
     nginx = make_nginx()
     launcher = ending.enter_context(subprocess.Popen(
         ["/bin/sh", "-c", '/bin/bash -c "$0" & exec sleep infinity',
