@@ -1,0 +1,90 @@
+"""A machine for the scripts: a copy of them, and stand-ins for all that they call."""
+
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+PROJECT = Path(__file__).resolve().parents[2]
+TOOLS = "bash cat chmod cut dirname dpkg env grep head rm sed touch uname".split()
+STAND_INS = {
+    "apt-cache": """case $2 in
+        cmake) echo "  Installed: (none)"; echo "  Candidate: ${CMAKE_VERSION-3.25.1-1}" ;;
+        *) echo "  Candidate: ${CANDIDATE-1.0}" ;;
+        esac""",
+    "apt-get": """case "$*" in
+        *update*) [ -e "$LOG.waited" ] || [ -z "${LOCKED-}" ] || {
+            touch "$LOG.waited"; echo "E: Could not get lock /var/lib/apt/lists/lock." >&2
+            exit 100; } ;;
+        esac""",
+    "cmake": 'exit "${CMAKE-0}"',
+    "ctest": 'exit "${CTEST-0}"',
+    "dpkg-query": 'case " ${MISSING-} " in *" ${!#} "*) exit 1 ;; esac; echo installed',
+    "gcovr": "",
+    "getconf": "echo 2",
+    "id": "echo 1000",
+    "sleep": "",
+    "sudo": """[ "${MAY-yes}" = yes ] || { echo "sudo: not allowed" >&2; exit 1; }
+        case $1 in env) exec "$@" ;; tee) cat >/dev/null ;; esac""",
+}
+BUILT = {
+    "drive/isolated": "exit 4",
+    "build/release/landmarks": '[ "${ANSWERS-yes}" = yes ] || { echo abort >&2; kill -ABRT $$; }',
+    "build/release/orvane.app/Contents/MacOS/orvane-launcher": "exit 5",
+    "scripts/demo": "exit 6",
+}
+QUESTIONS = ("apt-cache", "dpkg-query", "getconf", "id", "sleep")  # asked often, and change nothing
+
+
+class Machine:
+    """It has all packages and an ordinary user, who may use sudo. Variables say else."""
+
+    def __init__(self, directory, name):
+        self.project, self.tools = directory / name, directory / "bin"
+        self.log = directory / "log"
+        shutil.copytree(PROJECT / "scripts", self.project / "scripts")
+        self.tools.mkdir()
+        for tool in TOOLS:
+            (self.tools / tool).symlink_to(shutil.which(tool))
+        for path, does in STAND_INS.items():
+            self.put(self.tools / path, does)
+        for path, does in BUILT.items():
+            self.put(self.project / path, does)
+        for preset in ("dev", "asan", "coverage"):
+            (self.project / "build" / preset).mkdir()
+
+    def put(self, path, does):
+        """Puts a program there that writes down how it is called."""
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.unlink(missing_ok=True)  # which may be a link to the machine's own
+        path.write_text(f'#!/bin/bash\necho "{path.name} $*" >>"$LOG"\n{does}\n')
+        path.chmod(0o755)
+
+    def run(self, script, *arguments, **variables):
+        """Returns the exit status, the lines of the output and those of the errors."""
+        done = subprocess.run(
+            [self.project / "scripts" / script, *arguments], check=False, text=True,
+            errors="surrogateescape", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            env={"PATH": str(self.tools), "LC_ALL": "C", "LOG": str(self.log), **variables})
+        return done.returncode, done.stdout.splitlines(), done.stderr.splitlines()
+
+    def calls(self, *programs):
+        """Returns how these programs were called, or all that change something, a line each."""
+        text = self.log.read_text() if self.log.exists() else ""
+        return [line for line in text.replace(f"{self.project}/", "").splitlines()
+                if (line.split()[0] in programs if programs else line.split()[0] not in QUESTIONS)]
+
+
+@pytest.fixture
+def make_machine(directory):
+    """make_machine(name): a machine that has the project in a directory of this name."""
+    if not shutil.which("dpkg"):
+        pytest.skip("dpkg is not installed")
+    return lambda name="project": Machine(directory, name)
+
+
+@pytest.fixture
+def machine(make_machine):
+    """A machine."""
+    return make_machine()
