@@ -1,12 +1,8 @@
 """What the tests of the packages share: where they are built and what has been made."""
 
-import json
 import re
 import subprocess
 from pathlib import Path
-
-from drive import desktop
-from drive.bundle import ask
 
 PROJECT = Path(__file__).resolve().parents[2]
 BUILD = PROJECT / "build/package"
@@ -54,15 +50,3 @@ def files(directory):
     """Returns every file below it, as a sorted list of relative paths."""
     return sorted(str(path.relative_to(directory)) for path in Path(directory).rglob("*")
                   if not path.is_dir() or path.is_symlink())
-
-
-def use(launcher, app, look):
-    """A session with the product of the bundle at `app`, with a look() at what runs."""
-    def look_at_the_product():
-        assert ask()[1] == (app / "nginx/html/index.html").read_text()
-        call = json.dumps({"jsonrpc": "2.0", "id": 1, "method": "channel.open"})
-        answer = ask("/rpc", call, headers={"Content-Type": "application/json"})[1]
-        assert json.loads(answer)["result"]["channel"] > 0
-        look()
-
-    desktop.use(launcher, look_at_the_product)
