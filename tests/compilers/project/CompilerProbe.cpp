@@ -8,14 +8,13 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
-enum Status { Returned = 0, WentOn = 10, Faulted = 11, FaultedElsewhere = 12, FaultedEarly = 13 };
+enum Ending { NullRead = 10, OtherFault, WentOn };
 
 volatile std::sig_atomic_t insideCloseNginx = 0;
 
@@ -23,27 +22,50 @@ volatile std::sig_atomic_t insideCloseNginx = 0;
 void onFault(int /*signal*/, siginfo_t *info, void * /*context*/)
 {
     constexpr std::uintptr_t pageBytes = 4096;
-    if (insideCloseNginx == 0) {
-        _exit(FaultedEarly);
-    }
-    _exit(reinterpret_cast<std::uintptr_t>(info->si_addr) < pageBytes ? Faulted : FaultedElsewhere);
+    const bool first = reinterpret_cast<std::uintptr_t>(info->si_addr) < pageBytes;
+    _exit(insideCloseNginx != 0 && first ? NullRead : OtherFault);
 }
 
-/// Runs @p scenario in a child with that handler and returns the child's status.
-int statusOf(void (*scenario)())
+[[noreturn]] void stopWithNothingDeployed()
+{
+    struct sigaction action{};
+    action.sa_sigaction = onFault;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGSEGV, &action, nullptr);
+    {
+        const Connect deleted;
+    }
+    Connect idle;
+    for (int i = 0; i < 3; ++i) {
+        if (!idle.closeRpc()) {
+            _exit(OtherFault);
+        }
+    }
+    insideCloseNginx = 1;
+    idle.closeNginx();
+    _exit(WentOn);
+}
+
+std::string endOf(void (*scenario)())
 {
     const pid_t child = fork();
     if (child == 0) {
-        struct sigaction action{};
-        action.sa_sigaction = onFault;
-        action.sa_flags = SA_SIGINFO;
-        sigaction(SIGSEGV, &action, nullptr);
         scenario();
-        _exit(Returned);
     }
     int status = 0;
     waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return WIFEXITED(status) ? std::to_string(WEXITSTATUS(status)) : "a signal";
+}
+
+std::string outputOf(const char *program)
+{
+    MyProgress runner;
+    runner.createProgress(program, "");
+    std::string seen;
+    for (std::string part = runner.readMsg(); !part.empty(); part = runner.readMsg()) {
+        seen += part;
+    }
+    return seen;
 }
 
 bool expect(const char *what, const std::string &expected, const std::string &seen)
@@ -52,54 +74,21 @@ bool expect(const char *what, const std::string &expected, const std::string &se
     return seen == expected;
 }
 
-bool directStartGivesNothing(const char *self)
-{
-    MyProgress runner;
-    runner.createProgress(self, "");
-    std::string seen;
-    for (std::string part = runner.readMsg(); !part.empty(); part = runner.readMsg()) {
-        seen += part;
-    }
-    return expect("direct start", "no arguments, no environment", seen);
-}
-
-int printWhatWasGiven(int argc, char **argv, char **environment)
-{
-    // Linux 5.18 and newer put one empty string in the place of an empty list.
-    const bool none = argc == 0 || (argc == 1 && *argv[0] == '\0' && argv[1] == nullptr);
-    std::printf("%s arguments, %s environment", none ? "no" : "some",
-                *environment == nullptr ? "no" : "some");
-    return 0;
-}
-
 } // namespace
 
 int main(int argc, char **argv, char **environment)
 {
-    if (argc == 0 || *argv[0] == '\0' || *environment == nullptr) {
-        return printWhatWasGiven(argc, argv, environment);
+    // Linux 5.18 and newer put one empty string in the place of an empty list.
+    const bool none = argc == 0 || (argc == 1 && *argv[0] == '\0' && argv[1] == nullptr);
+    if (none || *environment == nullptr) {
+        std::printf("%s arguments, %s environment", none ? "no" : "some",
+                    *environment == nullptr ? "no" : "some");
+        return 0;
     }
     // As when it is a file: what the child holds in its buffer is gone with the start.
     std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
-    bool held = directStartGivesNothing(argv[0]);
-    held &=
-        expect("closeRpc with no controller", std::to_string(Returned), std::to_string(statusOf([] {
-                   Connect idle;
-                   for (int i = 0; i < 3; ++i) {
-                       if (!idle.closeRpc()) {
-                           _exit(WentOn);
-                       }
-                   }
-               })));
-    held &= expect("closeNginx with no controller", std::to_string(Faulted),
-                   std::to_string(statusOf([] {
-                       Connect idle;
-                       idle.closeRpc();
-                       insideCloseNginx = 1;
-                       idle.closeNginx();
-                       _exit(WentOn);
-                   })));
-    held &= expect("deletion of an idle coordinator", std::to_string(Returned),
-                   std::to_string(statusOf([] { const Connect idle; })));
+    const bool held = expect("direct start", "no arguments, no environment", outputOf(argv[0])) &&
+                      expect("stop with nothing deployed", std::to_string(NullRead),
+                             endOf(stopWithNothingDeployed));
     return held ? 0 : 1;
 }
