@@ -46,7 +46,7 @@ def test_is_below_the_state_directory_and_nowhere_else(shipped, make_directory, 
     assert f"nginx writes in {home}/{base}/orvane/" in line
     made, = (home / base / "orvane").iterdir()
     assert (made / "run/nginx.pid").exists()
-    for directory in (home / base / "orvane", made, made / "run"):
+    for directory in (home / base, home / base / "orvane", made, made / "run"):
         assert stat.S_IMODE(directory.stat().st_mode) == 0o700, directory
         assert directory.stat().st_uid == USER
     assert [path.name for path in home.iterdir()] == [base.split("/")[0]]
@@ -120,7 +120,7 @@ def test_takes_nothing_over_that_it_finds_in_the_run_directory(make_nginx, make_
     nginx, elsewhere = make_nginx(), make_directory("elsewhere", ME)
     kept = elsewhere / "kept"
     kept.write_text("mine")
-    run = make_directory("orvane.app/nginx/run", ME)
+    run = make_directory("orvane.app/nginx/run", ME, 0o755)
     for name in ("nginx.pid", "nginx.lock", "ipv6.conf"):
         (run / name).symlink_to(kept)
     (run / "proxy").symlink_to(elsewhere)
@@ -129,6 +129,7 @@ def test_takes_nothing_over_that_it_finds_in_the_run_directory(make_nginx, make_
     assert nginx.output == ""
     assert (list(elsewhere.iterdir()), kept.read_text()) == ([kept], "mine")
     assert not any(path.is_symlink() for path in run.iterdir())
+    assert stat.S_IMODE(run.stat().st_mode) == 0o700
     nginx.stop()
 
 
