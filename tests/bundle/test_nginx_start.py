@@ -40,14 +40,10 @@ def test_serves_the_page(deploy_nginx, user):
     assert_nothing_left(nginx)
 
 
-def test_is_one_process_the_one_that_was_started(deploy_nginx):
+def test_is_the_one_process_that_was_started_and_listens_on_loopback_only(deploy_nginx):
     nginx = deploy_nginx()
     assert [process.pid for process in nginx.left()] == [nginx.child.pid]
-
-
-def test_listens_on_loopback_only(deploy_nginx):
-    expected = {"127.0.0.1", "::1"} if has_ipv6() else {"127.0.0.1"}
-    assert deploy_nginx().addresses() == expected
+    assert nginx.addresses() == ({"127.0.0.1", "::1"} if has_ipv6() else {"127.0.0.1"})
 
 
 @takes_ipv6
@@ -65,9 +61,10 @@ def test_writes_one_line_for_each_request(deploy_nginx):
     nginx = deploy_nginx()
     for path in ("/", "/missing", "/" + "x" * 4000, "/two%0alines"):
         ask(path)
-    wait_for("four lines", lambda: nginx.output.count("\n") >= 4)
+    ask("/rpc", "{}", headers=JSON)  # of the RPC server, which does not answer
+    wait_for("five lines", lambda: nginx.output.count("\n") >= 5)
     expected_lines = (" 200 GET /", " 404 GET /missing", " 404 GET /" + "x" * 59,
-                      " 404 GET /two%0alines")
+                      " 404 GET /two%0alines", " 502 POST /rpc")
     for line, expected in zip(nginx.output.splitlines(), expected_lines, strict=True):
         assert re.fullmatch(r"\d\d:\d\d:\d\d" + re.escape(expected), line)
 
@@ -80,13 +77,6 @@ def test_serves_on_when_nobody_reads_its_output(make_nginx):
     os.close(reading)
     for _ in range(3):
         assert ask()[0] == 200
-
-
-def test_says_that_the_rpc_server_does_not_answer(deploy_nginx):
-    nginx = deploy_nginx()
-    assert ask("/rpc", "{}", headers=JSON)[0] == 502
-    wait_for("the line", lambda: nginx.output)
-    assert_one_line(nginx.output, " 502 POST /rpc\n")
 
 
 def test_writes_in_its_run_directory_only(make_nginx, directory):
@@ -103,26 +93,12 @@ def test_writes_in_its_run_directory_only(make_nginx, directory):
     assert list(directory.iterdir()) == [nginx.bundle.path]
 
 
-@pytest.mark.parametrize("user", USERS)
-def test_checks_the_configuration_without_a_warning(make_nginx, user):
-    assert_test_is_clean(make_nginx(user=user))
-
-
 @pytest.mark.parametrize(("name", "value"), [
     ("HOME", ""), ("CDPATH", "/usr:/"), ("NGINX", "99;"), ("IFS", "n/"),
     ("BASH_ENV", "{}/bash_env"), ("SHELLOPTS", "noexec"), ("BASH_SOURCE", "{}/sbin/nginx")])
 def test_takes_no_harm_from_the_environment(make_nginx, directory, name, value):
     (directory / "bash_env").write_text("exit 3\n", encoding="ascii")
     assert_test_is_clean(make_nginx(environment={**Nginx.PLAIN, name: value.format(directory)}))
-
-
-def test_names_the_file_of_a_broken_configuration(make_nginx):
-    nginx = make_nginx()
-    with open(nginx.directory / "conf/nginx.conf", "a", encoding="ascii") as file:
-        file.write("nonsense;\n")
-    status, output = nginx.run("-t")
-    assert status != 0
-    assert "conf/nginx.conf" in output
 
 
 @pytest.mark.parametrize(("script", "cwd"), [

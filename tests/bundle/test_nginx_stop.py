@@ -94,14 +94,6 @@ def assert_not_signalled(nginx, process, text):
     assert process.poll() is None
 
 
-@pytest.fixture
-def foreign(ending):
-    """A program that is none of the bundle's."""
-    process = ending.enter_context(subprocess.Popen(["sleep", "600"], start_new_session=True))
-    ending.callback(process.kill)
-    return process
-
-
 def test_does_not_signal_the_nginx_of_another_bundle(make_nginx, deploy_nginx):
     other = deploy_nginx("other")
     assert_not_signalled(make_nginx(), other.child, f"{other.child.pid}\n")
@@ -110,8 +102,10 @@ def test_does_not_signal_the_nginx_of_another_bundle(make_nginx, deploy_nginx):
 
 @pytest.mark.parametrize("text", ["{}\n", "", "\n", "0\n", "-1\n", "-{}\n", "99999999\n", "self\n",
                                   "1 $(kill 1)\n", "a[$(kill $PPID)]\n"])
-def test_does_not_signal_what_is_no_nginx(make_nginx, foreign, text):
+def test_does_not_signal_what_is_no_nginx(make_nginx, ending, text):
     nginx = make_nginx()
+    foreign = ending.enter_context(subprocess.Popen(["sleep", "600"], start_new_session=True))
+    ending.callback(foreign.kill)
     assert_not_signalled(nginx, foreign, text.format(foreign.pid))
     nginx.deploy()
     assert foreign.poll() is None
