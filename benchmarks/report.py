@@ -53,7 +53,7 @@ def table(rows):
     lines = ["| row | the launcher | the floor | | aim | held |", "|---|---|---|---|---|---|"]
     for row in rows:
         value, aim = (f"{row.value:.2f}", f"at most {row.limit:.2f}") if row.by == "ratio" else (
-            f"{row.value:+.2f} {row.unit}", f"within {row.limit:g} {row.unit}")
+            f"{row.value:+z.2f} {row.unit}", f"within {row.limit:g} {row.unit}")
         lines.append(f"| {row.name} | {cell(row.launcher, row.unit)} | {cell(row.floor, row.unit)} "
                      f"| {value} | {aim} | {'yes' if row.held else '**no**'} |")
     return lines

@@ -49,10 +49,6 @@ if(ORVANE_SANITIZERS)
     target_link_options(orvane_options INTERFACE -fsanitize=address,undefined)
 endif()
 
-# For the tests. Whole stacks, since what is left alone goes by the names in them. And a cancelled
-# thread leaves marks on its stack that the sanitizer would trip over at the thread's end.
-set(ORVANE_ASAN_OPTIONS fast_unwind_on_malloc=0:use_sigaltstack=0)
-
 if(ORVANE_COVERAGE)
     # Without the last switch, the end of a local's life gives the reader's frame landing pads, which
     # a cancelled thread must not meet (process/MyProgress.cpp).
@@ -66,10 +62,9 @@ endif()
 
 # Position-independent code and link-time optimisation are properties of a target in CMake;
 # orvane_target() gives them to one.
-include(CheckIPOSupported)
-check_ipo_supported(RESULT ORVANE_IPO_SUPPORTED OUTPUT ORVANE_IPO_REASON LANGUAGES CXX)
-if(ORVANE_HARDENING AND NOT ORVANE_IPO_SUPPORTED)
-    message(FATAL_ERROR "There is no link-time optimisation here: ${ORVANE_IPO_REASON}")
+if(ORVANE_HARDENING)
+    include(CheckIPOSupported)
+    check_ipo_supported(LANGUAGES CXX) # ends the configuration where there is none
 endif()
 
 function(orvane_target target)

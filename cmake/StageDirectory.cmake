@@ -1,10 +1,12 @@
 # cmake -DFROM=... -DTO=... -DSTAGED=... -P StageDirectory.cmake
 # Brings the directory TO up to date with FROM. What was staged earlier and is no longer in FROM
-# goes (the file STAGED lists it); what a running service has put beside it stays.
+# goes (the file STAGED lists it); what a running service has put beside it stays. What an nginx that
+# ran in FROM has written there stays there.
 
 cmake_minimum_required(VERSION 3.16)
 
 file(GLOB_RECURSE files LIST_DIRECTORIES false RELATIVE "${FROM}" "${FROM}/*")
+list(FILTER files EXCLUDE REGEX "^run/")
 set(earlier)
 if(EXISTS "${STAGED}")
     file(STRINGS "${STAGED}" earlier)
@@ -15,7 +17,8 @@ foreach(name IN LISTS earlier)
 endforeach()
 
 # Brings directories, links and permissions too, but takes a file of the same second for the same.
-file(COPY "${FROM}/" DESTINATION "${TO}")
+string(REGEX REPLACE "([][+.*()^$?|\\\\])" "\\\\\\1" pattern "${FROM}")
+file(COPY "${FROM}/" DESTINATION "${TO}" REGEX "^${pattern}/run$" EXCLUDE)
 foreach(name IN LISTS files)
     if(NOT IS_SYMLINK "${FROM}/${name}")
         configure_file("${FROM}/${name}" "${TO}/${name}" COPYONLY) # if its contents differ

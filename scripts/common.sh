@@ -87,12 +87,15 @@ apt_update() {
 
 # Debian starts a service when its package is installed, and again at each boot. The launcher starts
 # nginx by itself and on a port of its own, so while the packages go in, the machine is told to start
-# nothing (invoke-rc.d(8); a policy that is there already stays), and an nginx that came with them
-# stays off.
+# none of theirs (invoke-rc.d(8); a policy that is there already stays), and those that came with
+# them stay off.
 apt_install() {
+    local service
     if [ ! -e "$policy" ]; then
         made_policy=yes
-        printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null
+        # shellcheck disable=SC2016 # for the policy's own shell
+        printf '%s\n' '#!/bin/sh' 'case " $* " in *" nginx"[.\ ]* | *" supervisor"[.\ ]*) exit 101; esac' |
+            as_root tee "$policy" >/dev/null
         as_root chmod 755 "$policy"
     fi
     apt_get install -y --no-install-recommends "$@"
@@ -100,9 +103,11 @@ apt_install() {
         as_root rm -f "$policy"
         made_policy=
     fi
-    case " $* " in
-    *' nginx '*) as_root update-rc.d nginx disable ;;
-    esac
+    for service in nginx supervisor; do
+        case " $* " in
+        *" $service "*) as_root update-rc.d "$service" disable ;;
+        esac
+    done
 }
 
 # The version of a package that is installed or, if none is, that apt would install; or nothing.
@@ -162,8 +167,11 @@ install_missing() {
     [ -z "$(version_of cmake)" ] || check_release
     [ ${#missing[@]} -ne 0 ] || return 0
     if [ "$(id -u)" -ne 0 ] && ! { command -v sudo >/dev/null && sudo true; }; then
-        printf 'Packages are missing, and you may not install them. As root, run:\n' >&2
-        printf '  apt-get install --no-install-recommends %s\n' "${missing[*]}" >&2
+        printf 'Packages are missing, and you may not install them. As root, run:\n  ' >&2
+        case " ${missing[*]} " in
+        *' nginx '*) printf 'systemctl mask nginx && ' >&2 ;; # its web server for everybody
+        esac
+        printf 'apt-get install --no-install-recommends %s\n' "${missing[*]}" >&2
         return 1
     fi
     apt_update

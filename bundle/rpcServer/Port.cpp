@@ -78,7 +78,7 @@ int takePort(int port)
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool bound = false; // which servers that start at once may be all, and one of them listens
+    bool bound = false; // several that start at once may be; only one of them can listen
     for (int left = attempts; left > 0; --left) {
         // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): as bind() takes them all
         auto *plain = reinterpret_cast<sockaddr *>(&address);
@@ -88,10 +88,11 @@ int takePort(int port)
             return listener;
         }
         if (errno != EADDRINUSE) {
-            break;
+            return -1;
         }
         askForThePort(directory);
         usleep(retryPause);
     }
+    errno = EADDRINUSE; // asking has its own
     return -1;
 }

@@ -27,6 +27,7 @@ element('open').onclick = async () => {
         try {
             if (!channel) [{channel}, last] = [await rpc('channel.open'), 0];
             const {frames} = await rpc('channel.frames', {channel, after: last});
+            if (last && !frames.length) throw Error('the channel is another page\'s by now');
             status = `Channel ${channel} is open.`;
             last = frames.at(-1)?.number ?? last;
             waiting = [...waiting, ...frames].slice(-mostWaiting);
