@@ -43,9 +43,9 @@ def deploy_nginx(make_nginx):
 @pytest.fixture
 def start_rpc_server(build, ending):
     """start_rpc_server(...): the RPC server as the launcher starts it, a subprocess.Popen."""
-    def start(**how):
+    def start(program=build / "orvane.app/rpcServer/MacOs/rpcServer", **how):
         server = ending.enter_context(subprocess.Popen(
-            [build / "orvane.app/rpcServer/MacOs/rpcServer"], env={}, stdin=subprocess.DEVNULL,
+            [program], env={}, stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **how))
         ending.callback(server.kill)
         return server

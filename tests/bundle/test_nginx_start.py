@@ -134,7 +134,8 @@ def test_takes_all_tools_from_the_system_and_none_from_the_bundle(make_nginx, pa
 def test_says_how_to_install_nginx(make_nginx):
     status, output = make_nginx().run(before=with_mount("--bind /dev/null /usr/sbin/nginx"))
     assert status != 0
-    assert_one_line(output, "nginx is not installed", "sudo apt-get install nginx",
+    assert_one_line(output, "nginx is not installed",
+                    "sudo systemctl mask nginx && sudo apt-get install nginx",
                     "[Deploy Service]")
 
 

@@ -3,8 +3,10 @@
 import signal
 
 import pytest
+from machine import JSON, OPEN
 
 from drive.browser import Browser
+from drive.bundle import ask
 from drive.processes import wait_for
 
 
@@ -75,6 +77,16 @@ def test_comes_back_after_the_rpc_server_was_gone(playing, rpc_server, start_rpc
     rpc_server.wait()
     wait_for_none(playing)
     start_rpc_server()
+    wait_for_pictures(playing)
+
+
+def test_comes_back_when_its_channel_is_another_pages_after_a_start(
+        playing, rpc_server, start_rpc_server):
+    rpc_server.kill()
+    rpc_server.wait()
+    assert start_rpc_server().stdout.readline()  # before the page has asked
+    ask("/rpc", OPEN, headers=JSON)
+    wait_for("it opens one of its own", lambda: "Channel 2 " in playing.text("status"))
     wait_for_pictures(playing)
 
 

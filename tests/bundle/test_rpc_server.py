@@ -3,12 +3,13 @@
 import json
 import os
 import re
+import shutil
 import socket
 import time
 
 import psutil
 import pytest
-from machine import JSON, assert_one_line
+from machine import JSON, USER, assert_one_line, takes_root
 
 from drive.bundle import RPC_PORT, ask
 from drive.processes import wait_for
@@ -204,6 +205,16 @@ def test_says_that_its_port_is_taken(server, start_rpc_server):
     assert_one_line(output, "port 4201", "taken by another program", "[Deploy Service]")
     open_channel()
     assert server.poll() is None
+
+
+@takes_root
+def test_says_so_when_another_user_runs_the_same_bundle(build, make_directory, start,
+                                                        start_rpc_server):
+    program = shutil.copy(build / "orvane.app/rpcServer/MacOs/rpcServer",
+                          make_directory("bundle", mode=0o755))
+    start(program=program)
+    assert_one_line(start_rpc_server(program=program, user=USER).communicate(timeout=30)[0],
+                    "port 4201 is taken")
 
 
 def test_waits_for_a_port_that_is_about_to_be_free(start_rpc_server):

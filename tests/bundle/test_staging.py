@@ -32,6 +32,7 @@ class Tree:
         write(self.nginx / "sbin/nginx", "#!/bin/sh\n", 0o755)
         write(self.nginx / "html/a b.html", "first")
         (self.nginx / "logs").mkdir()
+        write(self.nginx / "run/nginx.pid", "1\n")  # of an nginx that ran here
         shutil.copy("/bin/sleep", self.server)
         # What is made of them.
         self.staged = self.build / "orvane.app/nginx"

@@ -26,7 +26,7 @@ STAND_INS = {
     "id": "echo 1000",
     "sleep": "",
     "sudo": """[ "${MAY-yes}" = yes ] || { echo "sudo: not allowed" >&2; exit 1; }
-        case $1 in env) exec "$@" ;; tee) cat >/dev/null ;; esac""",
+        case $1 in env) exec "$@" ;; tee) cat >"$LOG.policy" ;; esac""",
 }
 BUILT = {
     "drive/isolated": "exit 4",

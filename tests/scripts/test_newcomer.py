@@ -1,9 +1,12 @@
 """What a newcomer's machine may lack, and what scripts/run says then."""
 
 import os
+import subprocess
+from pathlib import Path
 
 import pytest
 
+POLICY = Path("/usr/sbin/policy-rc.d")
 BUILD_REACHED = "== configure the release preset"
 
 
@@ -57,7 +60,8 @@ def test_missing_right_is_said_once_with_what_to_do(machine, sudo):
     assert status == 1 and BUILD_REACHED not in output
     errors = [line for line in errors if not line.startswith("sudo:")]
     assert len(errors) == 3
-    assert errors[1] == "  apt-get install --no-install-recommends cmake nginx"
+    assert errors[1] == ("  systemctl mask nginx && "
+                         "apt-get install --no-install-recommends cmake nginx")
     assert errors[2].endswith("this step failed: install what is missing (status 1)")
 
 
@@ -76,6 +80,16 @@ def test_release_that_does_not_have_it_is_said_before_anything_is_done(machine, 
     status, _, errors = machine.run("run", MISSING="make", **variables)
     assert status == 1 and len(errors) == 1 and said in errors[0]
     assert not any("install" in call for call in machine.calls("apt-get"))
+
+
+@pytest.mark.skipif(POLICY.exists(), reason="the machine has a policy of its own")
+def test_no_service_of_another_program_is_kept_from_starting_meanwhile(machine):
+    machine.run("run", MISSING="make")
+    policy = machine.log.with_suffix(".policy")
+    answers = [subprocess.run(["sh", policy, *how], check=False).returncode for how in (
+        ["--quiet", "nginx", "start"], ["nginx.service", "start"], ["ssh", "restart"])]
+    assert answers == [101, 101, 0]
+    assert machine.calls("sudo")[-1] == f"sudo rm -f {POLICY}"
 
 
 @pytest.mark.parametrize("missing, off", [("make nginx", True), ("make", False)])
