@@ -1,4 +1,4 @@
-"""What a build puts into the bundle, and what the configuration refuses."""
+"""What of an integrator's services comes into the bundle, and what the configuration refuses."""
 
 import os
 import re
@@ -28,15 +28,15 @@ class Tree:
         self.project = project
         self.directory = directory
         self.build = directory / "build"
-        self.nginx, self.server = directory / "my nginx", directory / "my server"
+        self.nginx, self.server = directory / "my+nginx dir", directory / "my server"
         write(self.nginx / "sbin/nginx", "#!/bin/sh\n", 0o755)
         write(self.nginx / "html/a b.html", "first")
         (self.nginx / "logs").mkdir()
         write(self.nginx / "run/nginx.pid", "1\n")  # of an nginx that ran here
         shutil.copy("/bin/sleep", self.server)
         # What is made of them.
-        self.staged = self.build / "orvane.app/nginx"
-        self.program = self.build / "orvane.app/rpcServer/MacOs/rpcServer"
+        self.bundle = self.build / "orvane.app"
+        self.staged, self.program = self.bundle / "nginx", self.bundle / "rpcServer/MacOs/rpcServer"
 
     @staticmethod
     def cmake(*arguments, fails=False):
@@ -139,9 +139,24 @@ def test_goes_back_to_the_sample_and_leaves_nothing_behind(staged):
         "--target", "stage_rpc_server")
 
 
+def test_installs_them_without_what_nginx_wrote(staged):
+    write(staged.nginx / "run/nginx.pid", "1\n")
+    write(staged.nginx / "html/run/page.html", "a page")
+    for name in ("MacOS/orvane", "Resources/orvane.icns"):  # in the place of what a build makes
+        write(staged.bundle / "Contents" / name, "")
+    staged.configure(f"-DORVANE_NGINX_DIR={staged.nginx}/")
+    staged.cmake("--install", staged.build, "--prefix", staged.directory / "prefix")
+    app = staged.directory / "prefix/orvane.app"
+    assert files(app / "nginx") == {"html/a b.html", "html/run/page.html", "sbin/nginx"}
+    assert files(app / "rpcServer") == {"MacOs/rpcServer"}
+    assert (app / "rpcServer/MacOs/rpcServer").read_bytes() == staged.server.read_bytes()
+    for name in ("Contents/MacOS/orvane-launcher", "nginx/sbin/nginx", "rpcServer/MacOs/rpcServer"):
+        assert os.access(app / name, os.X_OK), name
+
+
 @pytest.mark.parametrize(("name", "path"), [
     ("ORVANE_NGINX_DIR", "missing"), ("ORVANE_NGINX_DIR", "my server"),
-    ("ORVANE_RPC_SERVER", "missing"), ("ORVANE_RPC_SERVER", "my nginx")])
+    ("ORVANE_RPC_SERVER", "missing"), ("ORVANE_RPC_SERVER", "my+nginx dir")])
 def test_refuses_a_path_that_does_not_exist(tree, name, path):
     output = tree.configure(f"-D{name}={tree.directory / path}", fails=True)
     line, = (line for line in output.splitlines() if str(tree.directory / path) in line)
