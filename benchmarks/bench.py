@@ -46,7 +46,10 @@ def measure(context):
 
 
 def main():
-    """Raises what the rows raise, and leaves nothing running."""
+    """Measures, writes the results down and prints them.
+
+    Raises what the rows raise, and leaves nothing running.
+    """
     arguments = argparse.ArgumentParser(description=__doc__)
     arguments.add_argument("--quick", action="store_true")
     arguments.add_argument("--build", type=Path, required=True)

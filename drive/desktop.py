@@ -6,7 +6,6 @@ import resource
 import signal
 import subprocess
 import tempfile
-import time
 from pathlib import Path
 
 import psutil
@@ -121,7 +120,8 @@ class Launcher:
     is the program that tells where its widgets lie, beside the bundle if it is not given.
 
     Its standard output and error go into files (`output`, `errors`). Raises RuntimeError when it
-    ends at once, TimeoutError when no window comes.
+    ends at once or has another size, TimeoutError when no window comes, and what `landmarks`
+    raises: subprocess.CalledProcessError, subprocess.TimeoutExpired.
     """
 
     def __init__(self, desktop, program, options=(), cwd=None, landmarks=None):
@@ -246,18 +246,26 @@ class Launcher:
         return [process for process in existing(found) if running(process)]
 
     def end(self):
-        """Ends the launcher and all that it started, whatever state they are in."""
+        """Ends the launcher and all that it started, whatever state they are in.
+
+        Raises TimeoutError when something stays.
+        """
+        def ended():
+            left = self.started()
+            for process in left:
+                try:
+                    process.kill()
+                except GONE:
+                    pass
+            return not left
+
         if self.process.poll() is None:
             self.process.kill()
         self.process.wait()
-        deadline = time.monotonic() + PATIENCE
-        while (left := self.started()) and time.monotonic() < deadline:
-            for process in left:
-                try:
-                    process.send_signal(signal.SIGKILL)
-                except GONE:
-                    pass
-        self._scratch.cleanup()
+        try:
+            wait_for("the end of what the launcher started", ended)
+        finally:
+            self._scratch.cleanup()
 
 
 def use(launcher, look=lambda: None, step=lambda name: None):
