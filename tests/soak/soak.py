@@ -50,7 +50,7 @@ class Run:
                                      nginx=FLOOD, rpc=FLOOD, stop="").program
             self.services = ["yes", "yes"]
         self.failures = []  # crashes and hangs
-        self.launcher = self.process = None
+        self.launcher = None
         self.ended = 0  # how many of the launcher's children had ended when it was last looked at
 
     def children(self):
@@ -106,18 +106,18 @@ class Run:
         """Up to so many cycles. Returns how many there were."""
         self.ended = done = 0
         with Launcher(desktop, self.program, cwd="/", landmarks=self.landmarks) as self.launcher:
-            self.process = psutil.Process(self.launcher.pid)
+            process = psutil.Process(self.launcher.pid)
             try:
                 while done < cycles:
                     done += 1
                     self.cycle()
                     if done == 1:
-                        expected = self.process.num_fds() + DESCRIPTORS * (cycles - 1)
+                        expected = process.num_fds() + DESCRIPTORS * (cycles - 1)
                     if done in (1, cycles) or done % REPORT_EVERY == 0:
-                        memory = self.process.memory_info().rss // 1024
+                        memory = process.memory_info().rss // 1024
                         print(f"{self.kind}: {done} cycles of this launcher, {memory} KiB",
                               flush=True)
-                self.wait(f"{expected} descriptors", lambda: self.process.num_fds() == expected)
+                self.wait(f"{expected} descriptors", lambda: process.num_fds() == expected)
                 self.launcher.close()
                 if status := self.launcher.wait():
                     raise ChildProcessError(f"ended with {status} when it was closed")
