@@ -80,10 +80,11 @@ private slots:
     {
         const QByteArray path = qgetenv("PATH");
         QVERIFY(qputenv("PATH", "/nowhere"));
-        runner->createProgress("/nowhere/at/all", "read line"); // of the input, where none comes
+        runner->createProgress("/nowhere/at/all", "echo hello; read line");
         QVERIFY(qputenv("PATH", path));
-        QVERIFY(eventually([&] { return Processes::program(runner->childPid) == "bash"; }));
-        QCOMPARE(about(runner->childPid, "cmdline"), QByteArray("bash\0-c\0read line\0", 18));
+        QCOMPARE(runner->readMsg(), std::string("hello\n"));
+        QCOMPARE(about(runner->childPid, "cmdline"),
+                 QByteArray("bash\0-c\0echo hello; read line\0", 30));
         QCOMPARE(Processes::link(runner->childPid, "exe"), realPath("/bin/bash"));
         QVERIFY(about(runner->childPid, "environ").split('\0').contains("PATH=/nowhere"));
         QCOMPARE(runner->messages.count(), 0);
@@ -91,13 +92,16 @@ private slots:
 
     void emptyCommandRunsTheProgramWithoutArgumentsAndEnvironment()
     {
-        runner->makeProgress("/bin/cat", ""); // waits for input, without a shell around it
-        QVERIFY(eventually([&] { return Processes::program(runner->childPid) == "cat"; }));
-        QCOMPARE(Processes::link(runner->childPid, "exe"), realPath("/bin/cat"));
+        runner->makeProgress("/bin/cat", ""); // without a shell around it
+        const pid_t child = runner->childPid;
+        QVERIFY(eventually([&] { // it waits for input
+            return Processes::program(child) == "cat" && Processes::state(child) == 'S';
+        }));
+        QCOMPARE(Processes::link(child, "exe"), realPath("/bin/cat"));
         // Linux 5.18 and newer put one empty string in the place of an empty list.
-        const QByteArray arguments = about(runner->childPid, "cmdline");
+        const QByteArray arguments = about(child, "cmdline");
         QVERIFY2(arguments.isEmpty() || arguments == QByteArray(1, '\0'), arguments);
-        QCOMPARE(about(runner->childPid, "environ"), QByteArray());
+        QCOMPARE(about(child, "environ"), QByteArray());
     }
 
     void childInheritsDirectoryInputAndGroup()
