@@ -140,7 +140,6 @@ def test_goes_back_to_the_sample_and_leaves_nothing_behind(staged):
 
 
 def test_installs_them_without_what_nginx_wrote(staged):
-    write(staged.nginx / "run/nginx.pid", "1\n")
     write(staged.nginx / "html/run/page.html", "a page")
     for name in ("MacOS/orvane", "Resources/orvane.icns"):  # in the place of what a build makes
         write(staged.bundle / "Contents" / name, "")
