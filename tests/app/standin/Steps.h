@@ -4,8 +4,8 @@
 
 #include <stdexcept>
 
-/// What the entry does, in order, with stand-ins for the classes that it uses: each notes what is
-/// asked of it.
+/// What the code under test does, in order, with stand-ins for the classes that it uses: each notes
+/// what is asked of it.
 struct Steps
 {
     inline static QStringList all;
