@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -35,10 +35,10 @@ inline void writeScript(const QString &path, const QByteArray &lines)
 }
 
 /// Runs @p test inside a throw-away bundle and returns the exit status of that run.
-template <typename Application, typename Test>
+template <typename Test>
 int run(int argc, char **argv)
 {
-    Application application(argc, argv);
+    const QApplication application(argc, argv);
     if (!root().isEmpty()) {
         prctl(PR_SET_PDEATHSIG, SIGKILL); // nothing outlives the run around it
         Test test;
@@ -51,14 +51,14 @@ int run(int argc, char **argv)
         qFatal("cannot make the throw-away bundle %s", qPrintable(directory.path()));
     }
     QFile::setPermissions(copy, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    return QProcess::execute(copy, QCoreApplication::arguments().mid(1));
+    return QProcess::execute(copy, QApplication::arguments().mid(1));
 }
 
 } // namespace BundleTest
 
 /// The main function of a test that runs inside a throw-away bundle.
-#define BUNDLE_TEST_MAIN(Application, Test)                                                        \
+#define BUNDLE_TEST_MAIN(Test)                                                                     \
     int main(int argc, char **argv)                                                                \
     {                                                                                              \
-        return BundleTest::run<Application, Test>(argc, argv);                                     \
+        return BundleTest::run<Test>(argc, argv);                                                  \
     }

@@ -10,8 +10,8 @@
 #include <cerrno>
 #include <sys/wait.h>
 
-/// The two services of the throw-away bundle: scripts that note in the log that they start, run the
-/// lines of the test, and stay until they are killed or the test's process has ended.
+/// The two services of the throw-away bundle: scripts that run the lines of the test, note in the
+/// log that they started, and stay until they are killed or the test's process has ended.
 namespace Services {
 
 inline const QString nginx = "nginx/sbin/nginx";
@@ -23,29 +23,15 @@ inline QByteArray noting(const QByteArray &words)
     return "echo \"" + words + "\" >>" + SystemCalls::logPath() + '\n';
 }
 
-inline QByteArray staying()
+/// Runs @p started, then notes "nginx starts"; for the stop command notes "nginx stops", then runs
+/// @p stopped.
+inline void install(const QString &program, const QByteArray &started = {},
+                    const QByteArray &stopped = {})
 {
-    return "exec tail -f --pid=$PPID /dev/null\n";
-}
-
-/// "nginx starts", then @p started; for the stop command "nginx stops", then @p stopped.
-inline void installNginx(const QByteArray &started = {}, const QByteArray &stopped = {})
-{
-    BundleTest::writeScript(nginx, "if [ \"$*\" = '-s stop' ]; then\n" + noting("nginx stops") +
-                                       stopped + "exit\nfi\n" + noting("nginx starts") + started +
-                                       staying());
-}
-
-/// "rpc starts", then @p started.
-inline void installRpcServer(const QByteArray &started = {})
-{
-    BundleTest::writeScript(rpcServer, noting("rpc starts") + started + staying());
-}
-
-inline void installBoth()
-{
-    installNginx();
-    installRpcServer();
+    BundleTest::writeScript(program, "if [ \"$*\" = '-s stop' ]; then\n" +
+                                         noting("${0##*/} stops") + stopped + "exit\nfi\n" +
+                                         started + noting("${0##*/} starts") +
+                                         "exec tail -f --pid=$PPID /dev/null\n");
 }
 
 /// Waits for the end of every child of this process, and takes the services out of the bundle.
@@ -63,7 +49,6 @@ class OpenRunner : public MyProgress
 {
 public:
     using MyProgress::childPid;
-    using MyProgress::launchRequested;
     using MyProgress::pipeFds;
 };
 
@@ -77,20 +62,20 @@ inline int pipeOf(const MyProgress &runner)
     return (runner.*(&OpenRunner::pipeFds))[0];
 }
 
-/// Waits until there is a runner, its service has noted its start, and its reader has nothing to
-/// do: then no sink runs while the runner is deleted.
-inline bool isIdle(const MyProgress *runner, const QString &start)
+/// Waits until the program has noted its start, and the runner's reader has nothing to do: then no
+/// sink runs while the runner is deleted.
+inline bool isIdle(const MyProgress &runner, const QString &program)
 {
     return eventually([&] {
-        return runner != nullptr && SystemCalls::lines().contains(start) &&
-               SystemCalls::readersOf(pipeOf(*runner)) == 1;
+        return SystemCalls::lines().contains(program.section('/', -1) + " starts") &&
+               SystemCalls::readersOf(pipeOf(runner)) == 1;
     });
 }
 
 /// The lines of the log for the kill of a runner's child, and for the stop command.
-inline QString killOf(const MyProgress *runner)
+inline QString killOf(const MyProgress &runner)
 {
-    return QString("kill %1 9").arg(childOf(*runner));
+    return QString("kill %1 9").arg(childOf(runner));
 }
 
 inline QString stopCommand()

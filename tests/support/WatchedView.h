@@ -1,73 +1,80 @@
 #pragma once
 
+#include <QEvent>
 #include <QPointer>
 #include <QStringListModel>
+#include <QTest>
 
 #include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
 
-/// Remembers every model that was installed in a view through the virtual setModel(), and on which
-/// thread.
-class Watch
+/// A list that remembers every model that was installed through the virtual setModel(), and on
+/// which thread, and counts how often it repaints.
+template <typename View>
+class WatchedView : public View
 {
 public:
-    std::size_t count() const
+    using View::View;
+
+    struct Installed
+    {
+        QPointer<QStringListModel> model; ///< null for a model of another class
+        std::thread::id thread;
+    };
+    std::vector<Installed> installed() const
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        return models.size();
+        return all;
     }
-    QPointer<QAbstractItemModel> modelAt(std::size_t i) const
+    std::size_t count() const { return installed().size(); }
+    /// The rows of the model that was installed last.
+    QStringList rows() const
     {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return models.at(i);
-    }
-    std::thread::id threadOf(std::size_t i) const
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return threads.at(i);
-    }
-    /// The rows of the model installed last.
-    QStringList rows() const { return count() == 0 ? QStringList() : rowsAt(count() - 1); }
-    /// The rows of a list of strings; none for another model.
-    QStringList rowsAt(std::size_t i) const
-    {
-        const auto *list = qobject_cast<const QStringListModel *>(modelAt(i));
-        return list == nullptr ? QStringList() : list->stringList();
+        const auto models = installed();
+        const QStringListModel *last = models.empty() ? nullptr : models.back().model;
+        return last == nullptr ? QStringList() : last->stringList();
     }
 
     /// Run after a model was installed, on the same thread.
     std::function<void()> atModel;
 
-protected:
-    void installed(QAbstractItemModel *model)
+    void setModel(QAbstractItemModel *model) override
     {
+        View::setModel(model);
         {
             const std::lock_guard<std::mutex> lock(mutex);
-            models.emplace_back(model);
-            threads.push_back(std::this_thread::get_id());
+            all.push_back({qobject_cast<QStringListModel *>(model), std::this_thread::get_id()});
         }
         if (atModel) {
             atModel();
         }
     }
 
+    /// Shows the list, and returns whether that came about.
+    bool showSettled()
+    {
+        View::show();
+        const bool exposed = QTest::qWaitForWindowExposed(this);
+        settle();
+        return exposed;
+    }
+    /// Paints what there is to paint, and starts to count the repaints anew.
+    void settle()
+    {
+        View::repaint();
+        repaints = 0;
+    }
+    int repaints = 0;
+
+    bool event(QEvent *event) override
+    {
+        repaints += event->type() == QEvent::Paint ? 1 : 0;
+        return View::event(event);
+    }
+
 private:
     mutable std::mutex mutex;
-    std::vector<QPointer<QAbstractItemModel>> models;
-    std::vector<std::thread::id> threads;
-};
-
-template <typename View>
-class WatchedView : public View, public Watch
-{
-public:
-    using View::View;
-
-    void setModel(QAbstractItemModel *model) override
-    {
-        View::setModel(model);
-        installed(model);
-    }
+    std::vector<Installed> all;
 };
