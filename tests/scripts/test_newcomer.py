@@ -66,7 +66,7 @@ def test_missing_right_is_said_once_with_what_to_do(machine, sudo):
 
 
 def test_busy_package_manager_is_waited_for(machine):
-    output = machine.run("run", MISSING="make", LOCKED="yes")[1]
+    output = machine.run("run", MISSING="make", LOCKED="2")[1]
     assert output.count("Another program is at the packages: waiting until it has ended.") == 1
     assert BUILD_REACHED in output
     install, = (call for call in machine.calls("apt-get") if " make" in call)
