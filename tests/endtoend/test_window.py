@@ -29,9 +29,10 @@ def test_start_deploys_nothing_and_gets_two_warnings_of_the_toolkit(throw_away, 
 
 
 def test_lists_show_path_then_found_then_the_output_and_start_anew(
-        throw_away, launch, assert_list_shows):
+        directory, throw_away, launch, assert_list_shows):
     services = throw_away("Übergröße", nginx='echo "→ $$"; exit 3', rpc='echo "→ $$" >&2; exit 4')
-    launcher = launch(services.program)
+    (directory / "link").symlink_to(services.program)
+    launcher = launch(directory / "link")
     for _ in range(2):
         deploy(launcher, services)
         wait_for("the end of the services", lambda: not launcher.started())
