@@ -213,8 +213,8 @@ def test_says_so_when_another_user_runs_the_same_bundle(build, make_directory, s
     program = shutil.copy(build / "orvane.app/rpcServer/MacOs/rpcServer",
                           make_directory("bundle", mode=0o755))
     start(program=program)
-    assert_one_line(start_rpc_server(program=program, user=USER).communicate(timeout=30)[0],
-                    "port 4201 is taken")
+    other = start_rpc_server(program=program, user=USER)
+    assert other.stdout.readline().startswith("rpcServer: port 4201 is taken by another program")
 
 
 def test_waits_for_a_port_that_is_about_to_be_free(start_rpc_server):
