@@ -178,7 +178,16 @@ private slots:
         QVERIFY(eventually([&] { return overtaken.load(); }));
     }
 
-    /// Two lists share their strings until one of them is released.
+    /// The GUI thread may be about to do so. Two lists share their strings until one is released.
+    void neverReleasesTheListThatAMessageReplaces()
+    {
+        controller->messages = QStringList("first");
+        const QStringList replaced = controller->messages;
+        controller->view = view.get();
+        controller->insertMsg("second");
+        QVERIFY(!replaced.isDetached());
+    }
+
     void releasesItsMessagesBeforeTheKill()
     {
         start();
