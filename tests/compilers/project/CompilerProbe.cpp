@@ -85,6 +85,7 @@ int main(int argc, char **argv, char **environment)
                     *environment == nullptr ? "no" : "some");
         return 0;
     }
+    alarm(30); // should it hang: the test's own limit is for the build
     // As when it is a file: what the child holds in its buffer is gone with the start.
     std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
     const bool held = expect("direct start", "no arguments, no environment", outputOf(argv[0])) &&
