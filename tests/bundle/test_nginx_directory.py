@@ -121,9 +121,10 @@ def test_takes_nothing_over_that_it_finds_in_the_run_directory(make_nginx, make_
     kept = elsewhere / "kept"
     kept.write_text("mine")
     run = make_directory("orvane.app/nginx/run", ME, 0o755)
-    for name in ("nginx.pid", "nginx.lock", "ipv6.conf"):
+    for name in ("nginx.pid", "nginx.lock"):
         (run / name).symlink_to(kept)
-    (run / "proxy").symlink_to(elsewhere)
+    for name in ("ipv6.conf", "proxy"):
+        (run / name).symlink_to(elsewhere)
     (run / "ipv6x.conf").write_text("nonsense;")
     nginx.deploy()
     assert nginx.output == ""

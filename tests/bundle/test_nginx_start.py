@@ -7,6 +7,7 @@ import stat
 import subprocess
 from pathlib import Path
 
+import psutil
 import pytest
 from machine import (JSON, ME, USERS, assert_one_line, has_ipv6, takes_a_mount, takes_ipv6,
                      with_mount)
@@ -40,7 +41,10 @@ def test_serves_the_page(deploy_nginx, user):
 
 def test_is_the_one_process_that_was_started_and_listens_on_loopback_only(deploy_nginx):
     nginx = deploy_nginx()
-    assert [process.pid for process in nginx.left()] == [nginx.child.pid]
+    process, = nginx.left()
+    assert process.pid == nginx.child.pid
+    soft, hard = process.rlimit(psutil.RLIMIT_NOFILE)
+    assert soft == min(4096, hard)  # more than a browser's page opens
     assert nginx.addresses() == ({"127.0.0.1", "::1"} if has_ipv6() else {"127.0.0.1"})
 
 

@@ -66,6 +66,15 @@ def test_shows_moving_pictures_after_the_channel_is_opened(page):
     assert 0 < page.dps() <= 30  # 25 a second, or what the machine manages
 
 
+def test_draws_each_frame_once_and_in_order(page):
+    page.run("window.texts = [];"
+             "CanvasRenderingContext2D.prototype.fillText = text => texts.push(text)")
+    page.click("open")
+    wait_for("the frames of three answers", lambda: page.run("return texts.length") > 50)
+    numbers = [int(text.split()[1]) for text in page.run("return texts")]
+    assert all(b > a or b == 1 for a, b in zip(numbers, numbers[1:]))  # 1: a channel opened anew
+
+
 def test_counts_the_frames_that_are_drawn(playing):
     playing.run("CanvasRenderingContext2D.prototype.fillText = () => { throw Error('no ink') }")
     wait_for("no picture is counted", lambda: playing.dps() == 0)
@@ -87,13 +96,6 @@ def test_comes_back_when_its_channel_is_another_pages_after_a_start(
     assert start_rpc_server().stdout.readline()  # before the page has asked
     ask("/rpc", OPEN, headers=JSON)
     wait_for("it opens one of its own", lambda: "Channel 2 " in playing.text("status"))
-    wait_for_pictures(playing)
-
-
-def test_comes_back_after_nginx_was_gone(playing, nginx):
-    nginx.stop()
-    wait_for_none(playing)
-    nginx.deploy()
     wait_for_pictures(playing)
 
 

@@ -82,9 +82,10 @@ def test_stranger_is_refused_before_the_body_and_without_a_row(
     assert re.fullmatch(r"[0-9:]{8} 200 POST /rpc\n", nginx.output)
 
 
-@pytest.mark.parametrize("path", ["/", "/rpc/", "/RPC"])
-def test_other_path_of_the_rpc_server_is_refused(connect, path):
-    assert status(connect(RPC_PORT, head(RPC_PORT, path=path))) == 404
+@pytest.mark.parametrize(("refusal", "how"), [
+    (404, {"path": "/"}), (404, {"path": "/rpc/"}), (404, {"path": "/RPC"}), (403, {"Host": ""})])
+def test_rpc_server_refuses_what_is_not_for_it(connect, refusal, how):
+    assert status(connect(RPC_PORT, head(RPC_PORT, **how))) == refusal
 
 
 @pytest.mark.parametrize(("allowed", "method", "headers"), [
@@ -170,6 +171,16 @@ def test_bad_request_and_visit_from_another_site_write_no_row(services, connect)
     assert re.fullmatch(r"[0-9:]{8} 200 GET /\n", nginx.output)
 
 
+def test_connection_that_falls_silent_is_closed(connect):
+    held = [connect(port, sent) for port in (SITE_PORT, RPC_PORT)
+            for sent in (b"", head(port)[:30], head(port))]
+    for connection in held:
+        connection.settimeout(20)  # the libraries' own limits are longer, or none
+        with suppress(ConnectionResetError):
+            connection.recv(4096)  # nginx says why
+            assert connection.recv(1) == b""
+
+
 @pytest.mark.parametrize(("answer", "sent"), [
     (200, head(SITE_PORT, "GET", "/", Content_Length=0)), (405, head(SITE_PORT, "GET")),
     (404, head(SITE_PORT, "GET", "/x", Content_Length=0)), (415, head(SITE_PORT, Content_Type="")),
@@ -179,11 +190,12 @@ def test_every_answer_has_the_headers_that_keep_other_sites_out(connect, answer,
     got = connect(SITE_PORT, sent).recv(4096).decode()
     assert int(got.split()[1]) == answer
     policy, = re.findall("(?m)^Content-Security-Policy: (.*)\r$", got)
-    assert "default-src 'self'" in policy
-    assert "frame-ancestors 'none'" in policy
+    assert set(policy.split("; ")) >= {"default-src 'self'", "object-src 'none'", "base-uri 'none'",
+                                       "form-action 'self'", "frame-ancestors 'none'"}
     assert "unsafe" not in policy
     for line in ("Cross-Origin-Opener-Policy: same-origin", "X-Content-Type-Options: nosniff",
-                 "Cross-Origin-Resource-Policy: same-origin", "Referrer-Policy: no-referrer"):
+                 "Cross-Origin-Resource-Policy: same-origin", "Referrer-Policy: no-referrer",
+                 "Cache-Control: no-cache"):
         assert got.count(f"\r\n{line}\r\n") == 1
 
 

@@ -48,7 +48,8 @@ def settled(desktop, window):
         seen.append(desktop.picture((-place.x, -place.y, size.width - place.x,
                                      size.height - place.y)))
         same = [picture.tobytes() == seen[-1].tobytes() for picture in seen[-10:]]
-        return same == [True] * 10 and len(seen[-1].getcolors(2 ** 24)) > 10  # it is drawn
+        drawn = seen[-1].getpixel((1, seen[-1].height - 2)) == (255, 255, 255)  # to its lower edge
+        return same == [True] * 10 and drawn and len(seen[-1].getcolors(2 ** 24)) > 10
 
     wait_for("a picture that no longer changes", unchanged)
     return seen[-1]

@@ -118,6 +118,13 @@ def test_package_serves_an_ordinary_user_and_leaves_nothing():
     # Root can write in the bundle, and what nginx has written there goes with the package.
     system.enter(f"/{SYSTEM_APP}/nginx/sbin/nginx", "-t")
     assert (system.root / SYSTEM_APP / "nginx/run").is_dir()
+    # An upgrade says nothing again, and keeps that; nor does it where nginx is masked.
+    assert "disable --now" not in system.enter("dpkg", "--install", "/tmp/new.deb")
+    assert (system.root / SYSTEM_APP / "nginx/run").is_dir()
+    masked = system.root / "etc/systemd/system/nginx.service"
+    masked.symlink_to("/dev/null")
+    assert system.enter(f"/var/lib/dpkg/info/{PACKAGE}.postinst", "configure") == ""
+    masked.unlink()
     system.enter("apt-get", "purge", "-qy", PACKAGE)
     # dpkg removes /opt too when it is empty then: base-files made it, but no package owns it.
     left = system.listing() ^ before

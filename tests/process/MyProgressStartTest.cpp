@@ -55,7 +55,7 @@ private slots:
         runner->launchRequest();
         runner->launch();
         runner.reset();
-        QCOMPARE(SystemCalls::lines(), QStringList{"sink File not found"});
+        QCOMPARE(SystemCalls::lines(), (QStringList{"access 0", "sink File not found"}));
         QCOMPARE(output.text(), QByteArray());
     }
 
@@ -67,7 +67,7 @@ private slots:
         SystemCalls::record(runner->running);
         runner->makeProgress("/etc/passwd", sleeping);
         QCOMPARE(SystemCalls::lines(),
-                 (QStringList{"sink File found", "pipe", "fork",
+                 (QStringList{"access 0", "sink File found", "pipe", "fork",
                               QString("close %1 (running)").arg(runner->pipeFds[1]),
                               "pthread_create (running)"})); // with no attributes
         QVERIFY(pthread_equal(runner->messages.sender(), pthread_self()));

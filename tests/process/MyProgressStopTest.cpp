@@ -102,17 +102,6 @@ private slots:
         QCOMPARE(endOf(fed.readerThread), PTHREAD_CANCELED);
     }
 
-    void sleepingReaderIsCancelled()
-    {
-        SystemCalls::changePauses(3'600'000'000); // microseconds
-        FedRecorder fed;
-        fed.feed("hello");
-        fed.launch();
-        QVERIFY(eventually([&] { return fed.messages.count() == 1; }));
-        fed.deleteProgress();
-        QVERIFY(eventually([&] { return pthread_tryjoin_np(fed.readerThread, nullptr) == 0; }));
-    }
-
     void onlyTheLastReaderIsCancelled()
     {
         FedRecorder fed;

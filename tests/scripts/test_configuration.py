@@ -15,7 +15,7 @@ BUILD_TOOLS = """ar as c++ cc date g++ gcc gcc-ar gcc-ranlib ld ninja nm objcopy
     png2icns ranlib readelf rsvg-convert sh strip""".split()
 
 
-class Machine:
+class Tree:
     """Configures the project in a directory."""
 
     def __init__(self, project, build, directory):
@@ -42,31 +42,31 @@ class Machine:
 
 
 @pytest.fixture
-def machine(project, build, directory):
-    return Machine(project, build, directory)
+def tree(project, build, directory):
+    return Tree(project, build, directory)
 
 
 @pytest.mark.parametrize("preset, errors", [
     ("dev", True), ("asan", True), ("coverage", True), ("release", False), (None, False)])
-def test_warnings_are_errors_in_the_presets_for_development_alone(machine, preset, errors):
-    well, said = machine.configure(*([f"--preset={preset}"] if preset else []),
-                                   "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON")
+def test_warnings_are_errors_in_the_presets_for_development_alone(tree, preset, errors):
+    well, said = tree.configure(*([f"--preset={preset}"] if preset else []),
+                                "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON")
     assert well, said
-    commands = json.loads((machine.build / "compile_commands.json").read_text())
+    commands = json.loads((tree.build / "compile_commands.json").read_text())
     own = [entry["command"] for entry in commands if "/process/MyProgress.cpp" in entry["file"]]
     assert own and all(("-Werror" in command) == errors for command in own)
 
 
-def test_missing_tool_skips_its_test_and_is_named(machine):
-    tools = machine.directory / "bin"
+def test_missing_tool_skips_its_test_and_is_named(tree):
+    tools = tree.directory / "bin"
     tools.mkdir()
     for name in BUILD_TOOLS:
         (tools / name).symlink_to(shutil.which(name))
     elsewhere = ";".join(("/usr/local/sbin", "/usr/local/bin", "/usr/sbin", "/usr/bin", "/sbin",
                           "/bin", str(Path(CMAKE).parent)))
-    well, said = machine.configure(f"-DCMAKE_IGNORE_PATH={elsewhere}", env={"PATH": str(tools)})
+    well, said = tree.configure(f"-DCMAKE_IGNORE_PATH={elsewhere}", env={"PATH": str(tools)})
     assert well, said
-    done = subprocess.run([CTEST, "-R", r"\.needs-"], cwd=machine.build, stdout=subprocess.PIPE,
+    done = subprocess.run([CTEST, "-R", r"\.needs-"], cwd=tree.build, stdout=subprocess.PIPE,
                           text=True, check=False)
     assert done.returncode == 0, done.stdout
     for test in ("lint.needs-run-clang-tidy-19", "formatting.needs-clang-format-19",
@@ -77,17 +77,17 @@ def test_missing_tool_skips_its_test_and_is_named(machine):
         assert f"{test} (Skipped)" in done.stdout
 
 
-def test_macos_links_the_four_frameworks_and_has_no_tests(machine):
-    well, said = machine.configure_for_macos(FRAMEWORKS)
+def test_macos_links_the_four_frameworks_and_has_no_tests(tree):
+    well, said = tree.configure_for_macos(FRAMEWORKS)
     assert well, said
     assert "The tests need Linux: there are none here" in said
-    link = (machine.build / "build.ninja").read_text()
+    link = (tree.build / "build.ninja").read_text()
     for name in FRAMEWORKS:
         assert re.search(f"-framework[ ,]{name}", link), name
 
 
 @pytest.mark.parametrize("missing", FRAMEWORKS)
-def test_framework_that_the_macos_sdk_lacks_is_said(machine, missing):
-    well, said = machine.configure_for_macos([name for name in FRAMEWORKS if name != missing])
+def test_framework_that_the_macos_sdk_lacks_is_said(tree, missing):
+    well, said = tree.configure_for_macos([name for name in FRAMEWORKS if name != missing])
     assert well == (missing == "AGL"), said
     assert ("no longer has the framework AGL" if well else f"lacks the framework {missing}") in said

@@ -87,8 +87,9 @@ def test_no_service_of_another_program_is_kept_from_starting_meanwhile(machine):
     machine.run("run", MISSING="make")
     policy = machine.log.with_suffix(".policy")
     answers = [subprocess.run(["sh", policy, *how], check=False).returncode for how in (
-        ["--quiet", "nginx", "start"], ["nginx.service", "start"], ["ssh", "restart"])]
-    assert answers == [101, 101, 0]
+        ["--quiet", "nginx", "start"], ["nginx.service", "start"], ["supervisor", "start"],
+        ["ssh", "restart"])]
+    assert answers == [101, 101, 101, 0]
     assert machine.calls("sudo")[-1] == f"sudo rm -f {POLICY}"
 
 
@@ -96,3 +97,12 @@ def test_no_service_of_another_program_is_kept_from_starting_meanwhile(machine):
 def test_nginx_that_came_along_stays_off_and_another_is_left_alone(machine, missing, off):
     machine.run("run", MISSING=missing)
     assert ("sudo update-rc.d nginx disable" in machine.calls("sudo")) == off
+
+
+@pytest.mark.parametrize("script, display, missing", [
+    ("run", {}, "xvfb"), ("run", {"WAYLAND_DISPLAY": "w"}, "qtwayland5"), ("test", {}, "xvfb"),
+    ("test", {}, "shellcheck"), ("soak", {}, "chromium-driver")])
+def test_script_installs_what_it_takes(machine, script, display, missing):
+    machine.run(script, "5", MISSING=missing, **display)
+    assert any(call.endswith(f"--no-install-recommends {missing}")
+               for call in machine.calls("apt-get"))

@@ -157,7 +157,7 @@ private slots:
         const QString end = runApart([&] {
             SystemCalls::at("system", [] { throw std::runtime_error("no stop command"); });
             try {
-                connect.reset();
+                delete connect.release();
             } catch (const std::runtime_error &) {
             }
         });

@@ -178,7 +178,7 @@ private slots:
         QVERIFY(eventually([&] { return overtaken.load(); }));
     }
 
-    /// The GUI thread may be about to do so. Two lists share their strings until one is released.
+    /// A reader may be using it still. Two lists share their strings until one is released.
     void neverReleasesTheListThatAMessageReplaces()
     {
         controller->messages = QStringList("first");
@@ -217,7 +217,7 @@ private slots:
         controller->setStatus(false);
         kill(first, SIGKILL);
         kill(childOf(*controller), SIGKILL);
-        QVERIFY(eventually([&] { return threads() == before - 3; }));
+        QVERIFY(eventually([&] { return threads() <= before - 3; }));
     }
 
 private:

@@ -22,7 +22,6 @@ enum Recording { Nothing, Stops, Everything };
 constexpr int descriptors = 1024;
 int reading[descriptors];
 constexpr useconds_t shortPause = 2000; // microseconds
-useconds_t pauseLength = shortPause;
 Recording recording = Nothing;
 pid_t recordingThread = 0;
 
@@ -113,7 +112,6 @@ void SystemCalls::stop()
     recording = Nothing;
     actions.clear();
     failure = {};
-    pauseLength = shortPause;
 }
 
 void SystemCalls::note(const QByteArray &line)
@@ -155,11 +153,6 @@ void SystemCalls::at(const char *name, std::function<void()> action)
     actions[name] = std::move(action);
 }
 
-void SystemCalls::changePauses(useconds_t microseconds)
-{
-    pauseLength = microseconds;
-}
-
 int SystemCalls::readersOf(int fd)
 {
     return __atomic_load_n(&reading[fd], __ATOMIC_SEQ_CST);
@@ -168,6 +161,13 @@ int SystemCalls::readersOf(int fd)
 // __real_NAME is the C library's own; the linker hands the calls of this program's code to
 // __wrap_NAME (--wrap).
 extern "C" {
+
+int __real_access(const char *path, int mode);
+int __wrap_access(const char *path, int mode)
+{
+    begin("access", {mode});
+    return __real_access(path, mode);
+}
 
 int __real_pipe(int fds[2]);
 int __wrap_pipe(int fds[2])
@@ -221,7 +221,7 @@ int __wrap_usleep(useconds_t pause)
     if (isRecorded()) {
         noteWait("usleep", {static_cast<long>(pause)});
     }
-    return __real_usleep(pauseLength);
+    return __real_usleep(shortPause);
 }
 
 /// A signal to everybody or to a group is noted and goes nowhere: no fault of the code under test

@@ -11,7 +11,8 @@
 /// none, however broken, can signal every process there is.
 ///
 /// Noted are the calls on the thread that called record() and in the processes that it forks. A
-/// line is the call's name and its numbers: "kill 1234 9".
+/// line is the call's name and its numbers: "kill 1234 9". usleep() lasts 2 ms, whatever it is
+/// asked for.
 namespace SystemCalls {
 
 /// Empties the log and notes every call from here on. While @p flag holds true, lines get
@@ -34,8 +35,6 @@ void failNext(const char *name, int error);
 /// Run at each call of that name on the recording thread, before it is handed on.
 void at(const char *name, std::function<void()> action);
 
-/// usleep() lasts 2 ms, whatever it is asked for; from now on, as long as here.
-void changePauses(useconds_t microseconds);
 /// The threads inside a read of @p fd, those that were cancelled there included.
 int readersOf(int fd);
 

@@ -210,23 +210,17 @@ private slots:
         QCOMPARE(describe(window->centralWidget()), expected);
     }
 
-    void theTitleIsLargeInAnOtherwiseDefaultFont_data()
-    {
-        QTest::addColumn<QFont>("expected");
-        QTest::newRow("bold and slanted") << QFont("Monospace", 7, QFont::Bold, true);
-        QTest::newRow("plain") << QFont("Serif", 7);
-    }
-
     void theTitleIsLargeInAnOtherwiseDefaultFont()
     {
-        QFETCH(QFont, expected);
         const QFont usual = QApplication::font();
-        QApplication::setFont(expected);
-        QMainWindow other;
-        form->setupUi(&other);
-        QApplication::setFont(usual);
-        expected.setPointSize(15);
-        QCOMPARE(form->label->font().toString(), expected.toString());
+        for (QFont font : {QFont("Monospace", 7, QFont::Bold, true), QFont("Serif", 7)}) {
+            QApplication::setFont(font);
+            QMainWindow other;
+            form->setupUi(&other);
+            QApplication::setFont(usual);
+            font.setPointSize(15);
+            QCOMPARE(form->label->font().toString(), font.toString());
+        }
     }
 
     void translatesItsTextsInOrder()
