@@ -90,7 +90,11 @@ def test_no_service_of_another_program_is_kept_from_starting_meanwhile(machine):
         ["--quiet", "nginx", "start"], ["nginx.service", "start"], ["supervisor", "start"],
         ["ssh", "restart"])]
     assert answers == [101, 101, 101, 0]
-    assert machine.calls("sudo")[-1] == f"sudo rm -f {POLICY}"
+    made, _, gone = machine.calls("sudo")[-3:]
+    assert (made, gone) == (f"sudo chmod 755 {POLICY}", f"sudo rm -f {POLICY}")
+    machine.put(machine.tools / "apt-get", '[ "$4" != install ]')
+    machine.run("run", MISSING="make")
+    assert machine.calls("sudo")[-1] == gone
 
 
 @pytest.mark.parametrize("missing, off", [("make nginx", True), ("make", False)])
