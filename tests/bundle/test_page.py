@@ -75,6 +75,17 @@ def test_draws_each_frame_once_and_in_order(page):
     assert all(b > a or b == 1 for a, b in zip(numbers, numbers[1:]))  # 1: a channel opened anew
 
 
+def test_draws_a_disc_on_bars_that_grow_darker(playing):
+    left, right, bright = playing.run("""
+        const shown = document.querySelector('canvas').getContext('2d');
+        const {data} = shown.getImageData(0, 0, 960, 540);
+        const pixels = Array.from({length: 960 * 540}, (_, i) => data.slice(4 * i, 4 * i + 3));
+        return [pixels[0][2], pixels[959][2],
+                pixels.filter(rgb => Math.max(...rgb) - Math.min(...rgb) > 60).length]""")
+    assert left > right > 0
+    assert 1000 < bright < 7000  # at least a quarter of it, and the number of the frame
+
+
 def test_counts_the_frames_that_are_drawn(playing):
     playing.run("CanvasRenderingContext2D.prototype.fillText = () => { throw Error('no ink') }")
     wait_for("no picture is counted", lambda: playing.dps() == 0)
