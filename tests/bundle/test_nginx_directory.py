@@ -45,6 +45,7 @@ def test_is_below_the_state_directory_and_nowhere_else(shipped, make_directory, 
     assert f"{nginx.directory}/run is not a directory that only this user may write in" in line
     assert f"nginx writes in {home}/{base}/orvane/" in line
     made, = (home / base / "orvane").iterdir()
+    assert "-orvane-app-nginx-" in made.name
     assert (made / "run/nginx.pid").exists()
     for directory in (home / base, home / base / "orvane", made, made / "run"):
         assert stat.S_IMODE(directory.stat().st_mode) == 0o700, directory
