@@ -114,7 +114,7 @@ def test_answers_the_requests_of_a_batch_in_their_order(server):
     assert (bad["id"], bad["error"]) == (None, INVALID_REQUEST)
     assert (unknown["id"], unknown["error"]) == (2, UNKNOWN_METHOD)
     assert (good["id"], good["result"]) == (4, {"channel": 3})
-    assert len(answer([request("channel.open")])) == 1
+    assert [len(answer([request("channel.open")] * calls)) for calls in (1, 16)] == [1, 16]
 
 
 @pytest.mark.parametrize("body", [
