@@ -135,11 +135,7 @@ inline void *endOf(pthread_t thread)
     return pthread_join(thread, &result) == 0 ? result : nullptr;
 }
 
-/// The line of the record for the kill of a child.
-inline QString killOf(pid_t child)
-{
-    return QString("kill %1 9").arg(child);
-}
+using SystemCalls::killOf;
 
 /// What a runner asks of the system when it is deleted.
 template <typename Runner>

@@ -75,7 +75,7 @@ inline bool isIdle(const MyProgress &runner, const QString &program)
 /// The lines of the log for the kill of a runner's child, and for the stop command.
 inline QString killOf(const MyProgress &runner)
 {
-    return QString("kill %1 9").arg(childOf(runner));
+    return SystemCalls::killOf(childOf(runner));
 }
 
 inline QString stopCommand()

@@ -29,6 +29,11 @@ QByteArray logPath();
 /// The lines so far, without those of the processes that this one has forked ("child ..."), or
 /// these alone.
 QStringList lines(bool ofChildren = false);
+/// The line for the kill of a child.
+inline QString killOf(pid_t child)
+{
+    return QString("kill %1 9").arg(child);
+}
 
 /// The next call of that name fails.
 void failNext(const char *name, int error);
