@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <memory>
+#include <tuple>
 
 using namespace Services;
 
@@ -20,6 +21,8 @@ namespace {
 constexpr bool isNginx = std::is_same_v<CONTROLLER, Nginx>;
 using View = std::conditional_t<isNginx, NginxQListView, RpcQListView>;
 const QString &program = isNginx ? nginx : rpcServer;
+constexpr auto updated =
+    std::get<isNginx>(std::tuple(&RpcQListView::updated, &NginxQListView::nginxUpdated));
 
 /// Its fields in the open.
 struct Controller : CONTROLLER
@@ -31,7 +34,7 @@ struct Controller : CONTROLLER
 
 } // namespace
 
-/// The behaviour that both controllers have.
+/// Either controller, and where the two differ.
 class ControllerTest : public QObject
 {
     Q_OBJECT
@@ -52,23 +55,13 @@ private slots:
         removeAll();
     }
 
-    void dropsAnEmptyMessage()
-    {
-        controller->view = view.get();
-        controller->insertMsg("");
-        QCOMPARE(view->count(), std::size_t{0});
-        controller->insertMsg("first");
-        controller->insertMsg("");
-        QCOMPARE(view->count(), std::size_t{1});
-        QCOMPARE(view->rows(), QStringList("first"));
-    }
-
-    /// Every one is still there afterwards, with what it showed.
+    /// Every one is still there afterwards, with what it showed. An empty message is dropped.
     void everyMessageInstallsANewModelOfItsOwn()
     {
         controller->view = view.get();
         const QStringList messages{"first", "second", "second", "fourth\nand fifth\n"};
         for (const QString &message : messages) {
+            controller->insertMsg("");
             controller->insertMsg(message.toStdString());
             QCOMPARE(view->model()->parent(), nullptr);
         }
@@ -78,6 +71,25 @@ private slots:
             QCOMPARE(model->stringList(), messages.mid(0, ++shown));
         }
         QCOMPARE(shown, 4);
+    }
+
+    /// By a signal of the nginx view, and by a repaint of the RPC view. What the new model itself
+    /// asks for is painted while it is installed.
+    void theViewIsToldAfterEachModel()
+    {
+        int signalled = 0;
+        connect(view.get(), updated, [&] { ++signalled; });
+        QVERIFY(view->showSettled());
+        controller->view = view.get();
+        view->atModel = [&] {
+            view->settle();
+            signalled = 0;
+        };
+        for (const char *message : {"first", "second", ""}) {
+            controller->insertMsg(message);
+            QCOMPARE(signalled, isNginx ? 1 : 0);
+            QVERIFY(isNginx || eventually([&] { return view->repaints == 1; }, handleEvents));
+        }
     }
 
     void aNewRowLeavesTheListWhereItWasScrolledTo()
@@ -141,10 +153,31 @@ private slots:
         QVERIFY(controller->launchRequested);
     }
 
-    /// The rows of the output come although the event loop of the view's thread does not run. One
-    /// row is one chunk of 512 bytes at most.
+    /// Nginx by the shell, in its folder; the RPC server by itself, without the environment. What
+    /// BASH_ENV names, bash(1) reads before it runs a command or a script.
+    void eachIsStartedInItsOwnWay()
+    {
+        const QString root = BundleTest::root();
+        BundleTest::writeScript("environment", noting("$0 reads it: $BASH_EXECUTION_STRING"));
+        qputenv("BASH_ENV", root.toUtf8() + "/environment");
+        start(noting("$0 in $PWD with $# arguments"));
+        qunsetenv("BASH_ENV");
+        const QStringList byShell{
+            "bash reads it: cd " + root + "/nginx && sbin/nginx",
+            "sbin/nginx reads it: ", "sbin/nginx in " + root + "/nginx with 0 arguments"};
+        const QStringList directly{root + '/' + rpcServer + " in " + QDir::currentPath() +
+                                   " with 0 arguments"};
+        QStringList lines = SystemCalls::lines();
+        lines.removeLast(); // that it has started
+        QCOMPARE(lines, isNginx ? byShell : directly);
+    }
+
+    /// The rows and signals come although the event loop of the view's thread does not run. One row
+    /// is one chunk of 512 bytes at most.
     void showsTheOutputByItsReader()
     {
+        std::atomic<int> signalled{0};
+        connect(view.get(), updated, [&] { ++signalled; });
         const QByteArray half(511, 'a');
         install(program, "/usr/bin/printf '" + half + "\\303\\251z\\nand more'\n");
         controller->setUi(view.get());
@@ -156,6 +189,7 @@ private slots:
             QCOMPARE(view->installed()[i].thread == std::this_thread::get_id(), here);
             QCOMPARE(view->installed()[i].model->thread() == thread(), here);
         }
+        QVERIFY(eventually([&] { return signalled == (isNginx ? 4 : 0); }));
     }
 
     /// No lock: a message of the GUI thread is shown while the reader is inside the sink. It stands
@@ -202,6 +236,23 @@ private slots:
         QVERIFY(released);
     }
 
+    /// And waits for it, whatever it answers. The child is left alone, nothing recorded.
+    void abolishRunsTheStopCommandOfARunningNginxAlone()
+    {
+        start({}, "sleep 0.1\n" + noting("after a while") + "echo stopping\nexit 3\n");
+        const StandardOutput output;
+        controller->setStatus(false);
+        controller->abolish();
+        controller->setStatus(true);
+        controller->abolish();
+        const QStringList stop{stopCommand(), "nginx stops", "after a while"};
+        QCOMPARE(SystemCalls::lines().mid(1), isNginx ? stop : QStringList());
+        QCOMPARE(output.text().contains("stopping\n"), isNginx); // the launcher's, not the list's
+        QVERIFY(Processes::isAlive(childOf(*controller)));
+        QVERIFY(controller->getStatus());
+        QCOMPARE(view->rows(), started(program));
+    }
+
     /// Its reader goes on, and the second start and its request start one each.
     void aSecondStartLeavesTheFirstRunning()
     {
@@ -223,9 +274,9 @@ private slots:
 private:
     static int threads() { return QDir("/proc/self/task").entryList(QDir::Dirs).size(); }
 
-    void start()
+    void start(const QByteArray &started = {}, const QByteArray &stopped = {})
     {
-        install(program);
+        install(program, started, stopped);
         controller->setUi(view.get());
         QVERIFY(isIdle(*controller, program));
     }

@@ -45,9 +45,8 @@ inline void removeAll()
 }
 
 /// Members of a runner that only a subclass may name.
-class OpenRunner : public MyProgress
+struct OpenRunner : MyProgress
 {
-public:
     using MyProgress::childPid;
     using MyProgress::pipeFds;
 };
@@ -57,18 +56,14 @@ inline pid_t childOf(const MyProgress &runner)
     return runner.*(&OpenRunner::childPid);
 }
 
-inline int pipeOf(const MyProgress &runner)
-{
-    return (runner.*(&OpenRunner::pipeFds))[0];
-}
-
 /// Waits until the program has noted its start, and the runner's reader has nothing to do: then no
 /// sink runs while the runner is deleted.
 inline bool isIdle(const MyProgress &runner, const QString &program)
 {
+    const int readEnd = (runner.*(&OpenRunner::pipeFds))[0];
     return eventually([&] {
         return SystemCalls::lines().contains(program.section('/', -1) + " starts") &&
-               SystemCalls::readersOf(pipeOf(runner)) == 1;
+               SystemCalls::readersOf(readEnd) == 1;
     });
 }
 
