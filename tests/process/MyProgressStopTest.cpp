@@ -39,6 +39,7 @@ private slots:
         QCOMPARE(runner->getStatus(), false);
         QCOMPARE(runner->launchRequested, true);
         QVERIFY(pthread_equal(runner->messages.sender(), pthread_self()));
+        QCOMPARE(callsOfDeletion(runner), QStringList()); // none of them twice
     }
 
     /// The message goes to the base sink then, see MyProgressOutputTest. The reader is neither
@@ -57,15 +58,6 @@ private slots:
         QCOMPARE(Processes::state(child), 'Z');
         QVERIFY(endOf(reader) != nullptr); // a detached or joined thread cannot be joined
         QVERIFY(Processes::descriptor(getpid(), readEnd).startsWith("pipe:"));
-    }
-
-    void destructorLeavesAStoppedRunnerAlone()
-    {
-        runner->createProgress("", sleeping);
-        const pid_t child = runner->childPid;
-        runner->setStatus(false);
-        QCOMPARE(callsOfDeletion(runner), QStringList());
-        kill(child, SIGKILL);
     }
 
     void childPidIsSignalledAsItStands()
