@@ -1,6 +1,7 @@
 """The sample page in a real browser, with real services."""
 
 import signal
+from itertools import groupby
 
 import pytest
 from machine import JSON, OPEN
@@ -8,6 +9,10 @@ from machine import JSON, OPEN
 from drive.browser import Browser
 from drive.bundle import ask
 from drive.processes import wait_for
+
+PIXELS = """const shown = document.querySelector('canvas').getContext('2d');
+    const {data} = shown.getImageData(0, 0, 960, 540);
+    const pixels = Array.from({length: 960 * 540}, (_, i) => [...data.slice(4 * i, 4 * i + 3)]);"""
 
 
 @pytest.fixture(scope="module")
@@ -75,21 +80,42 @@ def test_draws_each_frame_once_and_in_order(page):
     assert all(b > a or b == 1 for a, b in zip(numbers, numbers[1:]))  # 1: a channel opened anew
 
 
-def test_draws_a_disc_on_bars_that_grow_darker(playing):
-    left, right, bright = playing.run("""
-        const shown = document.querySelector('canvas').getContext('2d');
-        const {data} = shown.getImageData(0, 0, 960, 540);
-        const pixels = Array.from({length: 960 * 540}, (_, i) => data.slice(4 * i, 4 * i + 3));
-        return [pixels[0][2], pixels[959][2],
-                pixels.filter(rgb => Math.max(...rgb) - Math.min(...rgb) > 60).length]""")
-    assert left > right > 0
-    assert 1000 < bright < 7000  # at least a quarter of it, and the number of the frame
+@pytest.mark.parametrize(("delivered", "caught_up"), [(49, 11), (60, 21)])
+def test_draws_every_other_frame_while_it_is_behind_and_counts_all_that_it_draws(
+        page, delivered, caught_up):
+    page.run(f"""
+        const frames = Array.from({{length: {delivered}}},
+                                  (_, i) => ({{number: i + 1, x: 500, y: 500, hue: 120}}));
+        const answers = [{{channel: 1}}, {{frames}}];
+        window.fetch = async () => ({{json: async () => ({{result: answers.shift()}})}});
+        let clock = 0;
+        performance.now = () => clock += 500; // as if it counted for half a second each time
+        window.drawn = [];
+        CanvasRenderingContext2D.prototype.fillText = function (...words) {{
+            drawn.push([this.font, ...words].join(' '));
+        }};
+        window.counted = 0;
+        const count = new MutationObserver(() => counted += dps.textContent / 2);
+        count.observe(dps, {{childList: true}});""")
+    page.click("open")
+    numbers = [*range(caught_up - 9, caught_up, 2), *range(caught_up, delivered + 1)]
+    wait_for("all are counted", lambda: page.run("return counted") == len(numbers))
+    assert page.run("return drawn") == [
+        f"22px sans-serif frame {number} 24 512" for number in numbers]
+    assert page.text("status") == "The services do not answer. Trying again."
+    assert page.frame() == delivered
+    xs, ys = page.run(PIXELS + """
+        const disc = pixels.flatMap(([r, g, b], i) => g > 1.5 * r ? [i] : []);
+        return [disc.map(i => i % 960), disc.map(i => Math.floor(i / 960))]""")
+    assert (min(xs), max(xs), min(ys), max(ys)) == (440, 519, 230, 309)
 
 
-def test_counts_the_frames_that_are_drawn(playing):
-    playing.run("CanvasRenderingContext2D.prototype.fillText = () => { throw Error('no ink') }")
-    wait_for("no picture is counted", lambda: playing.dps() == 0)
-    assert playing.text("status") == "Channel 1 is open."
+def test_draws_eight_bars_that_grow_darker(playing):
+    top, bottom = playing.run(PIXELS + "return [pixels.slice(0, 960), pixels.slice(-960)]")
+    bars = [(max(rgb), len(list(pixels))) for rgb, pixels in groupby(top)]
+    assert [width for _, width in bars] == [120] * 8
+    assert sorted(bars, reverse=True) == bars
+    assert bottom == top
 
 
 def test_comes_back_after_the_rpc_server_was_gone(playing, rpc_server, start_rpc_server):

@@ -13,7 +13,7 @@ async function rpc(method, params) {
         body: JSON.stringify({jsonrpc: '2.0', id: 1, method, params}),
         signal: AbortSignal.timeout(2000), // milliseconds
     });
-    return (await response.json()).result ?? Promise.reject(Error('refused'));
+    return (await response.json()).result ?? Promise.reject(Error());
 }
 
 // Asks for the new frames once a second. After a failure it opens another channel, so the picture
@@ -27,7 +27,7 @@ element('open').onclick = async () => {
         try {
             if (!channel) [{channel}, last] = [await rpc('channel.open'), 0];
             const {frames} = await rpc('channel.frames', {channel, after: last});
-            if (last && !frames.length) throw Error('the channel is another page\'s by now');
+            if (last && !frames.length) throw Error(); // the channel is another page's by now
             status = `Channel ${channel} is open.`;
             last = frames.at(-1)?.number ?? last;
             waiting = [...waiting, ...frames].slice(-mostWaiting);
@@ -44,7 +44,7 @@ element('open').onclick = async () => {
 function draw(frame) {
     for (let bar = 0; bar < 8; ++bar) { // the background of a test picture
         picture.fillStyle = `hsl(218, 25%, ${24 - 2 * bar}%)`;
-        picture.fillRect(bar * 120, 0, 120, 540);
+        picture.fillRect(bar * 120, 0, canvas.width, canvas.height);
     }
     picture.fillStyle = `hsl(${frame.hue}, 60%, 65%)`;
     picture.beginPath();
