@@ -115,11 +115,13 @@ def test_runs_from_any_directory_and_in_a_path_with_blanks_and_quotes(make_nginx
 
 def test_takes_the_first_nginx_in_the_path_that_is_not_itself(make_nginx, make_directory):
     nginx = make_nginx()
-    first, link = make_directory("bin", ME), make_directory("link", ME)
+    first, link, other = (make_directory(name, ME) for name in ("bin", "link", "other"))
     (link / "nginx").symlink_to(nginx.directory / "sbin/nginx")
+    make_program(other / "nginx", "echo where no pattern leads")
     make_program(nginx.directory / "html/nginx", "echo a part of the site")
     make_program(first / "nginx", "echo the first one")
-    nginx.environment = {"PATH": f"html:sbin::{nginx.directory}/sbin:{link}:{first}:/usr/sbin"}
+    nginx.environment = {
+        "PATH": f"html:sbin::{nginx.directory}/sbin:{link}:{other}*:{first}:/usr/sbin"}
     assert nginx.run("-v") == (0, "the first one\n")
 
 
