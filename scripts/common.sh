@@ -3,7 +3,7 @@
 
 set -euo pipefail
 
-project=$(CDPATH='' cd -- "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
+project=$(CDPATH='' cd -- "$(dirname "$0")/.." && pwd -P)
 current_step=start
 policy=/usr/sbin/policy-rc.d
 made_policy=
@@ -112,8 +112,7 @@ apt_install() {
 
 # The version of a package that is installed or, if none is, that apt would install; or nothing.
 version_of() {
-    LC_ALL=C apt-cache policy "$1" 2>/dev/null |
-        sed -n 's/^  Installed: \([0-9].*\)/\1/p; s/^  Candidate: \([0-9].*\)/\1/p' | head -n 1
+    LC_ALL=C apt-cache policy "$1" 2>/dev/null | sed -n '/^  [IC][a-z]*: [0-9]/{s/.*: //p;q;}'
 }
 
 # What this release does not have of the packages, in words; CMake is the one whose age matters.
@@ -129,15 +128,13 @@ lacking() {
 
 # check_release package...: goes on if apt has them all.
 check_release() {
-    local lack PRETTY_NAME='This system'
+    local lack
     if [ -z "$(version_of cmake)" ]; then
         refuse 'apt has no list of packages here, and cannot fetch one: look at the network.'
     fi
     lack=$(lacking "$@")
     if [ -n "$lack" ]; then
-        # shellcheck source=/dev/null
-        . /etc/os-release
-        refuse "$PRETTY_NAME lacks$lack. Debian 12 and 13 have what it takes."
+        refuse "This system lacks$lack. Debian 12 and 13 have what it takes."
     fi
 }
 

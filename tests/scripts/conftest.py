@@ -7,8 +7,9 @@ from pathlib import Path
 import pytest
 
 PROJECT = Path(__file__).resolve().parents[2]
-TOOLS = "bash cat chmod cut dirname dpkg env grep head rm sed uname".split()
+TOOLS = "bash cat cut dirname dpkg env grep make mkdir sed true uname unshare".split()
 STAND_INS = {
+    **dict.fromkeys("chmod clang++ gcovr rm sleep update-rc.d".split(), ""),
     "apt-cache": """case $2 in
         cmake) echo "  Installed: (none)"; echo "  Candidate: ${CMAKE_VERSION-3.25.1-1}" ;;
         *) echo "  Candidate: ${CANDIDATE-1.0}" ;;
@@ -17,19 +18,19 @@ STAND_INS = {
         *update*) [ "$(grep -c "^apt-get.* update" "$LOG")" -gt "${LOCKED-0}" ] || {
             echo "E: Could not get lock /var/lib/apt/lists/lock." >&2; exit 100; } ;;
         esac""",
-    "cmake": 'exit "${CMAKE-0}"',
+    "cmake": '[ "$1" != "${FAILS-}" ] || exit 3',
     "ctest": 'exit "${CTEST-0}"',
     "dpkg-query": 'case " ${MISSING-} " in *" ${!#} "*) exit 1 ;; esac; echo installed',
-    "gcovr": "",
     "getconf": "echo 2",
-    "id": "echo 1000",
-    "sleep": "",
-    "sudo": """[ "${MAY-yes}" = yes ] || { echo "sudo: not allowed" >&2; exit 1; }
-        case $1 in env) exec "$@" ;; tee) cat >"$LOG.policy" ;; esac""",
+    "id": 'echo "${ID-1000}"',
+    "sudo": '[ "${MAY-yes}" = yes ] || { echo "sudo: not allowed" >&2; exit 1; }; exec "$@"',
+    "tee": 'cat >"$LOG.policy"',
 }
 BUILT = {
-    "drive/isolated": "exit 4",
+    "drive/isolated": '[ "$PYTHONPATH" != "${0%/drive/*}" ] || exit 4',
+    "build/fuzz/calls": "exit 7",
     "build/release/landmarks": '[ "${ANSWERS-yes}" = yes ] || { echo abort >&2; kill -ABRT $$; }',
+    "build/release/orvane.app/Contents/MacOS/orvane": "",
     "build/release/orvane.app/Contents/MacOS/orvane-launcher": "exit 5",
     "scripts/demo": "exit 6",
 }
@@ -42,7 +43,8 @@ class Machine:
     def __init__(self, directory, name):
         self.project, self.tools = directory / name, directory / "bin"
         self.log = directory / "log"
-        shutil.copytree(PROJECT / "scripts", self.project / "scripts")
+        for part in ("bundle", "drive", "scripts", "tests/bundle"):
+            shutil.copytree(PROJECT / part, self.project / part)
         self.tools.mkdir()
         for tool in TOOLS:
             (self.tools / tool).symlink_to(shutil.which(tool))
@@ -63,8 +65,8 @@ class Machine:
     def run(self, script, *arguments, **variables):
         """Returns the exit status, the lines of the output and those of the errors."""
         done = subprocess.run(
-            [self.project / "scripts" / script, *arguments], check=False, text=True,
-            errors="surrogateescape", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            ["env", "--default-signal", "bash", self.project / "scripts" / script, *arguments],
+            check=False, text=True, errors="surrogateescape", capture_output=True,
             env={"PATH": str(self.tools), "LC_ALL": "C", "LOG": str(self.log), **variables})
         return done.returncode, done.stdout.splitlines(), done.stderr.splitlines()
 
