@@ -93,8 +93,8 @@ def processes_below(directory):
 
 
 def exit_on_signals():
-    """From now on SIGTERM and SIGHUP raise SystemExit, which ends what was started."""
-    for ended_by in (signal.SIGTERM, signal.SIGHUP):
+    """From now on these signals raise SystemExit, which ends what was started."""
+    for ended_by in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(ended_by, lambda number, _: sys.exit(128 + number))
 
 

@@ -2,19 +2,16 @@
 
 import subprocess
 
+import pytest
 from PIL import Image
 
-from drive.processes import end
-
-PICTURES = ("directions", "nginx", "page", "rpc")
-# sbin/nginx with this kills the launcher, whose session it is, at the end of a stop.
-KILL_THE_LAUNCHER = "[[ $* != '-s stop' ]] || trap 'kill -KILL $(ps -o sid= $$)' EXIT\n"
+from drive.processes import end, processes_below
 
 
 def demonstrate(project, *words):
     """Returns its exit status and what it wrote."""
-    demo = subprocess.Popen([project / "scripts/demo", *words], stdout=subprocess.PIPE,
-                            stderr=subprocess.STDOUT, text=True)
+    demo = subprocess.Popen(["env", "-u", "PYTHONPATH", project / "scripts/demo", *words],
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     try:
         output = demo.communicate()[0]
     finally:
@@ -27,27 +24,32 @@ def test_takes_a_picture_of_each_tab_and_of_the_page(project, build):
     pictures.mkdir(parents=True, exist_ok=True)
     (pictures / "of an earlier one.png").touch()
     status, output = demonstrate(project, build / "orvane.app/Contents/MacOS/orvane")
-    assert status == 0, output
-    assert sorted(path.stem for path in pictures.iterdir()) == sorted(PICTURES)
-    seen = {}
-    for name in PICTURES:
-        with Image.open(pictures / f"{name}.png") as picture:
-            assert len(picture.convert("RGB").getcolors(2 ** 24)) > 10, f"{name} is blank"
-            seen[picture.tobytes()] = name
-    assert len(seen) == len(PICTURES), "two pictures are the same"
+    assert (status, output.count("demo: ")) == (0, 8), output
+    seen = {path.stem: Image.open(path).convert("RGB") for path in pictures.iterdir()}
+    assert sorted(seen) == ["directions", "nginx", "page", "rpc"]
+    assert all(len(picture.getcolors(2 ** 24)) > 10 for picture in seen.values()), "one is blank"
+    assert len({picture.tobytes() for picture in seen.values()}) == 4, "two are the same"
 
 
-def test_fails_when_the_launcher_does(project, build, real):
-    script = real.nginx.read_text()
-    first, others = script.split("\n", 1)
-    real.nginx.write_text(f"{first}\n{KILL_THE_LAUNCHER}{others}")
+# The launcher leads the session of sbin/nginx, and is a child of the demonstration.
+@pytest.mark.parametrize("file, line, status, said", [
+    ("sbin/nginx", "[[ $* != '-s stop' ]] || trap 'kill -KILL $(ps -o sid= $$)' EXIT",
+     1, "demo: failed: close the window: the launcher's exit status is -9"),
+    ("html/page.js", "const all = draw;"
+     "draw = frame => { all(frame); if (frame.number > 25) draw = () => {}; };",
+     1, "demo: failed: open the page in a browser, and a channel on it: the picture does not move"),
+    ("sbin/nginx", "kill -TERM $(ps -o ppid= $(ps -o sid= $$))",
+     143, "demo: click on deploy, and wait until the services answer")])
+def test_says_what_fails_and_leaves_nothing_behind(project, build, real, file, line, status, said):
+    broken = real.path / "nginx" / file
+    first, others = broken.read_text().split("\n", 1)
+    broken.write_text(f"{first}\n{line}\n{others}")
     (real.path.parent / "landmarks").symlink_to(build / "landmarks")
-    status, output = demonstrate(project, real.program)
-    assert status != 0
-    assert "exit status is -9" in output
+    ended, output = demonstrate(project, real.program)
+    assert (ended, output.splitlines()[-1]) == (status, said)
+    assert not processes_below(real.path)
 
 
 def test_without_a_launcher_says_what_it_takes(project):
     status, output = demonstrate(project)
-    assert status != 0
-    assert output.startswith("scripts/demo <launcher>")
+    assert status != 0 and output.startswith("scripts/demo <launcher>")
