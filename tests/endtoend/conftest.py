@@ -38,7 +38,7 @@ def launch(desktop, build, ending):
     """launch(program): the launcher in its window, as drive.desktop.Launcher."""
     # Not in the bundle's directory: the launcher must not depend on where it was started.
     return lambda program: ending.enter_context(
-        Launcher(desktop, program, cwd="/", landmarks=build / "landmarks"))
+        Launcher(desktop, program, cwd="/usr", landmarks=build / "landmarks"))
 
 
 @pytest.fixture
