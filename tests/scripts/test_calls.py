@@ -71,7 +71,7 @@ def test_fuzz_begins_with_what_the_tests_send_and_ends_as_the_fuzzer_does(machin
     assert compiles.startswith("clang++ -std=c++17 ")
     assert sends == ("calls -max_total_time=5 -max_len=65536 -timeout=10 -close_fd_mask=1 "
                      "-artifact_prefix=build/fuzz/ build/fuzz/bodies")
-    assert "channel.open" in (machine.project / "build/fuzz/bodies/test0").read_text()
+    assert '"channel": 1, "after": 0' in (machine.project / "build/fuzz/bodies/test2").read_text()
 
 
 @pytest.mark.parametrize("script", ["soak", "fuzz"])
