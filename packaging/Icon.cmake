@@ -14,8 +14,9 @@ if(NOT ORVANE_RSVG_CONVERT OR NOT ORVANE_ICNS_MAKER)
 endif()
 
 set(svg ${CMAKE_CURRENT_SOURCE_DIR}/orvane.svg)
+set(icon_sizes 16 22 24 32 48 64 128 256 512) # of a Linux desktop, in pixels
 set(pngs)
-foreach(size IN ITEMS 16 22 24 32 48 64 128 256 512 1024) # pixels
+foreach(size IN LISTS icon_sizes ITEMS 1024)
     set(png ${CMAKE_CURRENT_BINARY_DIR}/icons/${size}.png)
     add_custom_command(OUTPUT ${png}
         COMMAND ${ORVANE_RSVG_CONVERT} --width ${size} --height ${size} --output ${png} ${svg}
@@ -40,7 +41,6 @@ if(APPLE)
     endforeach()
     set(make_icns ${ORVANE_ICNS_MAKER} --convert icns --output ${icns} ${iconset})
 else()
-    set(copies)
     set(make_icns ${ORVANE_ICNS_MAKER} ${icns}
         icons/16.png icons/32.png icons/48.png icons/128.png icons/256.png icons/512.png
         icons/1024.png)
