@@ -5,6 +5,7 @@ import re
 import socket
 import stat
 import subprocess
+import urllib.request
 from pathlib import Path
 
 import psutil
@@ -12,7 +13,7 @@ import pytest
 from machine import (JSON, ME, USERS, assert_one_line, has_ipv6, takes_a_mount, takes_ipv6,
                      with_mount)
 
-from drive.bundle import SITE_PORT, Nginx, ask
+from drive.bundle import SITE, SITE_PORT, Nginx, ask
 from drive.processes import wait_for
 
 CLEAN_TEST = (r"nginx: the configuration file \S+ syntax is ok\n"
@@ -37,6 +38,18 @@ def test_serves_the_page(deploy_nginx, user):
     nginx = deploy_nginx(user=user)
     page = (nginx.directory / "html/index.html").read_text(encoding="utf-8")
     assert ask() == (200, page)
+
+
+def test_says_what_each_file_is(deploy_nginx):
+    html = deploy_nginx().directory / "html"
+    for kind, *endings in map(str.split, (
+            "text/html html", "text/css css", "text/javascript js mjs", "image/jpeg jpg jpeg",
+            "application/json json", "application/wasm wasm", "image/svg+xml svg", "image/png png",
+            "image/x-icon ico", "font/woff2 woff2", "video/mp4 mp4", "application/octet-stream x")):
+        for ending in endings:
+            (html / f"file.{ending}").touch()
+            with urllib.request.urlopen(f"{SITE}file.{ending}") as answer:
+                assert answer.headers["Content-Type"] == kind
 
 
 def test_is_the_one_process_that_was_started_and_listens_on_loopback_only(deploy_nginx):

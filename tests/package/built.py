@@ -28,11 +28,9 @@ def version():
 
 
 def only(pattern):
-    """Returns the one package whose name matches; AssertionError if it is not one."""
-    found = sorted(PACKAGES.glob(pattern))
-    if len(found) != 1:
-        raise AssertionError(f"expected one {pattern} in {PACKAGES}, found {found}")
-    return found[0]
+    """Returns the one package whose name matches; ValueError if it is not one."""
+    package, = PACKAGES.glob(pattern)
+    return package
 
 
 def deb():
