@@ -10,4 +10,3 @@ endif()
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${CMAKE_CXX_COMPILER_TARGET}/pkgconfig:/usr/share/pkgconfig)
 
 set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
-set(ORVANE_g++ ${CMAKE_CXX_COMPILER_TARGET}-g++ CACHE FILEPATH "GCC, for the tests that try it")

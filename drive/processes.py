@@ -93,7 +93,7 @@ def processes_below(directory):
 
 
 def exit_on_signals():
-    """From now on these signals raise SystemExit, which ends what was started."""
+    """From now on SIGINT, SIGTERM and SIGHUP raise SystemExit, which ends what was started."""
     for ended_by in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(ended_by, lambda number, _: sys.exit(128 + number))
 

@@ -195,7 +195,7 @@ def test_every_answer_has_the_headers_that_keep_other_sites_out(connect, answer,
     assert "unsafe" not in policy
     for line in ("Cross-Origin-Opener-Policy: same-origin", "X-Content-Type-Options: nosniff",
                  "Cross-Origin-Resource-Policy: same-origin", "Referrer-Policy: no-referrer",
-                 "Cache-Control: no-cache"):
+                 "Cache-Control: no-cache", "Server: nginx"):
         assert got.count(f"\r\n{line}\r\n") == 1
 
 

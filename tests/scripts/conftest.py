@@ -43,7 +43,7 @@ class Machine:
     def __init__(self, directory, name):
         self.project, self.tools = directory / name, directory / "bin"
         self.log = directory / "log"
-        for part in ("bundle", "drive", "scripts", "tests/bundle"):
+        for part in ("bundle/rpcServer", "drive", "scripts", "tests/bundle"):
             shutil.copytree(PROJECT / part, self.project / part)
         self.tools.mkdir()
         for tool in TOOLS:
@@ -80,8 +80,9 @@ class Machine:
 @pytest.fixture
 def make_machine(directory):
     """make_machine(name): a machine that has the project in a directory of this name."""
-    if not shutil.which("dpkg"):
-        pytest.skip("dpkg is not installed")
+    for tool in ("dpkg", "make"):
+        if not shutil.which(tool):
+            pytest.skip(f"{tool} is not installed")
     return lambda name="project": Machine(directory, name)
 
 

@@ -92,6 +92,7 @@ private slots:
         QCOMPARE(SystemCalls::lines(), QStringList(rpcKill) + nginxStop);
         deploy(); // in the same views
         QCOMPARE(nginxView->count() + rpcView->count(), std::size_t{8});
+        QCOMPARE(nginxView->rows() + rpcView->rows(), started(nginx) + started(rpcServer));
     }
 
     /// A stop while nothing is deployed: the RPC half returns, then the process dies on the spot.
