@@ -15,7 +15,6 @@ endif()
 
 set(svg ${CMAKE_CURRENT_SOURCE_DIR}/orvane.svg)
 set(icon_sizes 16 22 24 32 48 64 128 256 512) # of a Linux desktop, in pixels
-set(pngs)
 foreach(size IN LISTS icon_sizes ITEMS 1024)
     set(png ${CMAKE_CURRENT_BINARY_DIR}/icons/${size}.png)
     add_custom_command(OUTPUT ${png}

@@ -6,7 +6,6 @@ from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[2]
 BUILD = PROJECT / "build/package"
-PACKAGES = BUILD / "packages"
 APP_ID = "com.orvane.Launcher"
 PACKAGE = "orvane-launcher"
 SYSTEM_APP = "opt/orvane/orvane.app"  # below the root of a system
@@ -29,7 +28,7 @@ def version():
 
 def only(pattern):
     """Returns the one package whose name matches; ValueError if it is not one."""
-    package, = PACKAGES.glob(pattern)
+    package, = (BUILD / "packages").glob(pattern)
     return package
 
 

@@ -76,6 +76,12 @@ def test_missing_tool_skips_its_test_and_is_named(tree):
         assert f"{test} (Skipped)" in done.stdout
 
 
+@pytest.mark.parametrize("tool", ["ORVANE_RSVG_CONVERT", "ORVANE_ICNS_MAKER"])
+def test_lack_of_what_draws_the_icon_ends_the_configuration_and_is_said(tree, tool):
+    well, said = tree.configure(f"-D{tool}=")
+    assert not well and "apt-get install librsvg2-bin icnsutils" in " ".join(said.split())
+
+
 def test_macos_links_the_four_frameworks_and_has_no_tests(tree):
     well, said = tree.configure_for_macos(FRAMEWORKS)
     assert well, said
