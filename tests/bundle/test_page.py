@@ -75,8 +75,8 @@ def test_shows_moving_pictures_after_the_channel_is_opened(page):
 def test_draws_every_other_frame_while_it_is_behind_and_counts_all_that_it_draws(
         page, delivered, caught_up):
     page.run(f"""
-        const frames = Array.from({{length: {delivered}}},
-                                  (_, i) => ({{number: i + 1, x: 500, y: 500, hue: 120}}));
+        const frames = Array.from({{length: {delivered}}}, (_, i) => ({{
+            number: i + 1, x: i + {501 - delivered}, y: 500, hue: 120}}));
         const answers = [{{channel: 1}}, {{frames}}];
         window.asked = [];
         window.fetch = async (_, {{body}}) => {{

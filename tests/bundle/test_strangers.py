@@ -189,6 +189,7 @@ def test_connection_that_falls_silent_is_closed(connect):
 def test_every_answer_has_the_headers_that_keep_other_sites_out(connect, answer, sent):
     got = connect(SITE_PORT, sent).recv(4096).decode()
     assert int(got.split()[1]) == answer
+    assert ("Content-Type: application/json" in got) == sent.endswith(b"{}")
     policy, = re.findall("(?m)^Content-Security-Policy: (.*)\r$", got)
     assert set(policy.split("; ")) >= {"default-src 'self'", "object-src 'none'", "base-uri 'none'",
                                        "form-action 'self'", "frame-ancestors 'none'"}
