@@ -9,7 +9,8 @@ from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 
 from drive.bundle import SITE
-from drive.processes import GONE, adopt_orphans, descendants, existing, running, wait_for
+from drive.processes import (GONE, adopt_orphans, descendants, existing, kill_all, running,
+                             wait_for)
 
 FLAGS = ["--headless=new", "--disable-gpu", "--disable-quic", "--no-first-run", "--no-proxy-server",
          "--disable-background-networking", "--disable-component-update", "--disable-sync",
@@ -113,7 +114,5 @@ class Browser:
             if self._driver:
                 self._driver.quit()
         finally:
-            for process in self._processes():
-                process.kill()
-            wait_for("the browser's end", lambda: not self._processes())
+            kill_all(self._processes)
             self._home.cleanup()

@@ -15,7 +15,7 @@ from pathlib import Path
 
 import psutil
 
-from drive.processes import GONE, processes_below, wait_for
+from drive.processes import GONE, kill_all, processes_below, wait_for
 
 SITE_PORT = 4200
 RPC_PORT = 4201
@@ -255,6 +255,5 @@ class Nginx:
         for child in self.children:
             child.kill()
             child.wait()
-        for process in self.left():
-            process.kill()
+        kill_all(self.left)
         self.directory.chmod(0o755)

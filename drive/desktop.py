@@ -15,8 +15,8 @@ from Xlib.ext import xtest
 from Xlib.protocol import event
 
 from drive.bundle import RPC_PORT, SITE, SITE_PORT, port_open, site_answers
-from drive.processes import (GONE, PATIENCE, adopt_orphans, descendants, end, existing, lies_below,
-                             running, session, wait_for)
+from drive.processes import (PATIENCE, adopt_orphans, descendants, end, existing, kill_all,
+                             lies_below, running, session, wait_for)
 
 FIRST_DISPLAY = 100  # far above the numbers that real desktops take
 WINDOW_TITLE = "MainWindow"
@@ -250,20 +250,11 @@ class Launcher:
 
         Raises TimeoutError when something stays.
         """
-        def ended():
-            left = self.started()
-            for process in left:
-                try:
-                    process.kill()
-                except GONE:
-                    pass
-            return not left
-
         if self.process.poll() is None:
             self.process.kill()
         self.process.wait()
         try:
-            wait_for("the end of what the launcher started", ended)
+            kill_all(self.started)
         finally:
             self._scratch.cleanup()
 

@@ -6,6 +6,7 @@ import signal
 import subprocess
 import sys
 import time
+from contextlib import suppress
 from pathlib import Path
 
 import psutil
@@ -96,6 +97,21 @@ def exit_on_signals():
     """From now on SIGINT, SIGTERM and SIGHUP raise SystemExit, which ends what was started."""
     for ended_by in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(ended_by, lambda number, _: sys.exit(128 + number))
+
+
+def kill_all(find):
+    """Kills the processes (psutil.Process) that find() returns, until there are none.
+
+    Raises TimeoutError when one stays.
+    """
+    def ended():
+        left = find()
+        for process in left:
+            with suppress(*GONE):
+                process.kill()
+        return not left
+
+    wait_for("the end of all that was started", ended)
 
 
 def end(process, seconds=5):
