@@ -9,8 +9,7 @@ from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 
 from drive.bundle import SITE
-from drive.processes import (GONE, adopt_orphans, descendants, existing, kill_all, running,
-                             wait_for)
+from drive.processes import GONE, adopt_orphans, descendants, existing, kill_all, running, wait_for
 
 FLAGS = ["--headless=new", "--disable-gpu", "--disable-quic", "--no-first-run", "--no-proxy-server",
          "--disable-background-networking", "--disable-component-update", "--disable-sync",
