@@ -65,7 +65,7 @@ REFUSED = [
     *((403, {"Sec_Fetch_Site": site}) for site in ("cross-site", "same-site")),
     *((415, {"Content-Type": kind}) for kind in (
         "text/plain", "multipart/form-data; boundary=x", "application/x-www-form-urlencoded",
-        "application/jsonp", "text/plain; application/json", None)),
+        "application/jsonx", "text/plain; application/json", None)),
     *((405, {"method": method}) for method in ("GET", "HEAD", "PUT", "OPTIONS", "DELETE"))]
 
 
