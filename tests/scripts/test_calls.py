@@ -19,7 +19,7 @@ def test_test_hands_its_arguments_to_the_tests_of_a_preset_and_ends_as_they_do(
     assert output[3:] == ["== run the tests", *["== print the line coverage"] * len(shown)]
     calls = machine.calls()
     assert calls[:3] == [call.replace("release", preset) for call in RELEASE] + [
-        "ctest --output-on-failure -j4 -L unit"]
+        "ctest --output-on-failure -j6 -L unit"]
     assert [" ".join(call.split()[:3]) for call in calls[3:]] == shown
 
 
