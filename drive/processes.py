@@ -58,12 +58,12 @@ def adopt_orphans():
 
 def descendants(pid):
     """Returns the process ids of all below this one."""
-    found = []
-    for children in Path(f"/proc/{pid}/task").glob("*/children"):  # of each of its threads
-        try:
-            found += map(int, children.read_text().split())
-        except (FileNotFoundError, ProcessLookupError):
-            pass  # it has ended
+    found, threads, ended = [], [], (FileNotFoundError, ProcessLookupError)
+    with suppress(*ended):
+        threads = os.listdir(f"/proc/{pid}/task")
+    for thread in threads:
+        with suppress(*ended):
+            found += map(int, Path(f"/proc/{pid}/task/{thread}/children").read_text().split())
     return found + [further for child in found for further in descendants(child)]
 
 
