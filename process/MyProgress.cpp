@@ -166,14 +166,9 @@ void MyProgress::createProgress(std::string path, std::string command)
 void MyProgress::runChild(const std::string &path, const std::string &command)
 {
     close(pipeFds[0]);
-    // A terminal's output is flushed at every line break. Here the next line has to stay in the
-    // buffer: an exec that succeeds drops it, and exit() sends it into the pipe.
-    if (isatty(STDOUT_FILENO) == 1) {
-        std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
-    }
     dup2(pipeFds[1], STDOUT_FILENO);
     dup2(pipeFds[1], STDERR_FILENO);
-    std::puts("Child progress ready");
+    const char *failure = nullptr;
     if (command.empty()) {
         // Neither arguments nor environment, not even a program name. glibc's execle() cannot say
         // that: it counts its first argument before it looks for the end of the list, and then
@@ -181,11 +176,15 @@ void MyProgress::runChild(const std::string &path, const std::string &command)
         // empty string as argument 0.
         const std::array<char *, 1> noArguments{nullptr};
         execve(path.c_str(), noArguments.data(), nullptr);
-        std::puts("child progress loaded fail");
+        failure = "child progress loaded fail";
     } else {
         execl("/bin/bash", "bash", "-c", command.c_str(), nullptr);
-        std::puts("Child progress loaded fail");
+        failure = "Child progress loaded fail";
     }
+    // Only a child that exits may write this line. Printed before the exec, it would go into the
+    // pipe where standard output is not buffered, or by line only, or its buffer is nearly full.
+    std::puts("Child progress ready");
+    std::puts(failure);
     // What is buffered, the launcher's unflushed lines among it, goes into the pipe. The toolkit's
     // exit handlers would wait for threads that a forked child lacks (QDBusConnection's, with Qt
     // 5.15): the handler that is registered last runs first and leaves the others out.

@@ -3,13 +3,14 @@
 #include <QByteArray>
 #include <QFile>
 #include <QTemporaryFile>
+#include <QTest>
 
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
 
-/// Keeps what this process and its children write to standard output, as long as it lives; then
-/// hands it on, so that no message of a failed test is lost.
+/// Keeps what this process and its children write to standard output, as long as it lives. What a
+/// failed test wrote is handed on at the end: the message that says why is in it.
 class StandardOutput
 {
 public:
@@ -25,7 +26,9 @@ public:
         const QByteArray kept = text();
         dup2(real, STDOUT_FILENO);
         close(real);
-        std::fwrite(kept.constData(), 1, static_cast<std::size_t>(kept.size()), stdout);
+        if (QTest::currentTestFailed()) {
+            std::fwrite(kept.constData(), 1, static_cast<std::size_t>(kept.size()), stdout);
+        }
     }
     StandardOutput(const StandardOutput &) = delete;
     StandardOutput &operator=(const StandardOutput &) = delete;
