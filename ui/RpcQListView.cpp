@@ -1,5 +1,7 @@
 #include "ui/RpcQListView.h"
 
+#include "ui/AccessibleList.h" // which makes itself the list's interface
+
 RpcQListView::RpcQListView(QWidget *parent)
 {
     setParent(parent);
