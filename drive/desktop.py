@@ -30,6 +30,7 @@ class Desktop:
     """
 
     def __init__(self, width=1024, height=768):
+        self.variables = {}  # further ones for the environment of the programs
         self.server, self.name = self._start_server(f"{width}x{height}x24")
         try:
             self.display = display.Display(self.name)
@@ -77,7 +78,8 @@ class Desktop:
     @property
     def environment(self):
         """The environment variables of a program that is to show itself here."""
-        return {**os.environ, "DISPLAY": self.name, "QT_QPA_PLATFORM": "xcb"}
+        return {**os.environ, "DISPLAY": self.name, "QT_QPA_PLATFORM": "xcb",
+                **self.variables}
 
     def move(self, x, y):
         """Puts the mouse pointer there."""

@@ -94,9 +94,12 @@ def processes_below(directory):
 
 
 def exit_on_signals():
-    """From now on SIGINT, SIGTERM and SIGHUP raise SystemExit, which ends what was started."""
+    """From now on SIGINT, SIGTERM and SIGHUP raise SystemExit, which ends what was started.
+
+    A SIGHUP that is ignored stays so: nohup is to outlast the terminal."""
     for ended_by in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-        signal.signal(ended_by, lambda number, _: sys.exit(128 + number))
+        if ended_by != signal.SIGHUP or signal.getsignal(ended_by) != signal.SIG_IGN:
+            signal.signal(ended_by, lambda number, _: sys.exit(128 + number))
 
 
 def kill_all(find):

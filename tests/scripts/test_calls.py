@@ -59,7 +59,8 @@ def test_soak_soaks_the_release_build_and_ends_as_it_does(machine):
     status, output, _ = machine.run("soak", "5", "real")
     assert (status, output[3:]) == (4, ["== soak the launcher"])
     assert machine.calls() == RELEASE + [
-        f"{LANDMARKS} AimedStops", "isolated /usr/bin/python3 -B tests/soak/soak.py 5 real"]
+        "cmake --build --preset release --target soak_programs",
+        "isolated /usr/bin/python3 -B tests/soak/soak.py 5 real"]
 
 
 def test_fuzz_begins_with_what_the_tests_send_and_ends_as_the_fuzzer_does(machine):
