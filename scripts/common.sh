@@ -138,42 +138,92 @@ check_release() {
     fi
 }
 
-# install_missing package...: installs those that are not there; asks for rights only then.
+# keep_available package...: leaves those in `optional` that this release has, and names the others.
+keep_available() {
+    local package lack=''
+    optional=()
+    for package in "$@"; do
+        if [ -n "$(version_of "$package")" ]; then
+            optional+=("$package")
+        else
+            lack+=" $package"
+        fi
+    done
+    [ -z "$lack" ] ||
+        printf 'This release does not have%s: the checks that need them are skipped.\n' "$lack"
+}
+
+is_installed() {
+    # shellcheck disable=SC2016 # dpkg-query's own format, not a shell variable
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+may_install() {
+    [ "$(id -u)" -eq 0 ] || { command -v sudo >/dev/null && sudo true; }
+}
+
+# install_command package...: what an administrator types in this script's place. Debian's nginx
+# package starts a web server for everybody; update-rc.d(8) and service(8) end it with systemd and
+# without.
+install_command() {
+    [ -n "$(version_of cmake)" ] || printf 'apt-get update && ' # no list of packages yet
+    printf 'apt-get install --no-install-recommends %s' "$*"
+    case " $* " in
+    *' nginx '*) printf ' && update-rc.d nginx disable && service nginx stop' ;;
+    esac
+    printf '\n'
+}
+
+# install_missing package... [-- package...]: installs those that are not there, and of those behind
+# the dashes what the release has. Asks for rights only then.
 install_missing() {
-    local missing=() package
+    local required=() optional=() package behind_dashes=
     if [ "$(uname)" = Darwin ]; then
         for package in "${brew_packages[@]}"; do
-            brew list "$package" >/dev/null 2>&1 || missing+=("$package")
+            brew list "$package" >/dev/null 2>&1 || required+=("$package")
         done
-        [ ${#missing[@]} -eq 0 ] || brew install "${missing[@]}"
+        [ ${#required[@]} -eq 0 ] || brew install "${required[@]}"
         PATH="$(brew --prefix qt@5)/bin:$PATH"
         CMAKE_PREFIX_PATH=$(brew --prefix qt@5)
         export PATH CMAKE_PREFIX_PATH
         return
     fi
+    for package in "$@"; do
+        if [ "$package" = -- ]; then
+            behind_dashes=yes
+        elif is_installed "$package"; then
+            continue
+        elif [ -z "$behind_dashes" ]; then
+            required+=("$package")
+        else
+            optional+=("$package")
+        fi
+    done
     if ! command -v apt-get >/dev/null; then
-        printf 'No apt-get here. What these Debian packages hold must be there: %s\n' "$*"
+        printf 'No apt-get here. What these Debian packages hold must be there: %s\n' "${required[*]}"
         return
     fi
-    for package in "$@"; do
-        # shellcheck disable=SC2016 # dpkg-query's own format, not a shell variable
-        [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
-            missing+=("$package")
-    done
     # At once, unless apt has not fetched its lists yet.
-    [ -z "$(version_of cmake)" ] || check_release
-    [ ${#missing[@]} -ne 0 ] || return 0
-    if [ "$(id -u)" -ne 0 ] && ! { command -v sudo >/dev/null && sudo true; }; then
+    if [ -n "$(version_of cmake)" ]; then
+        check_release
+        keep_available "${optional[@]}"
+    fi
+    [ $((${#required[@]} + ${#optional[@]})) -ne 0 ] || return 0
+    if ! may_install; then
+        if [ ${#required[@]} -eq 0 ]; then
+            printf 'The checks that need these packages are skipped, since you may not install them: %s\n' \
+                "${optional[*]}"
+            return
+        fi
+        [ -z "$(version_of cmake)" ] || check_release "${required[@]}"
         printf 'Packages are missing, and you may not install them. As root, run:\n  ' >&2
-        case " ${missing[*]} " in
-        *' nginx '*) printf 'systemctl mask nginx && ' >&2 ;; # its web server for everybody
-        esac
-        printf 'apt-get install --no-install-recommends %s\n' "${missing[*]}" >&2
+        install_command "${required[@]}" >&2
         return 1
     fi
     apt_update
-    check_release "${missing[@]}"
-    apt_install "${missing[@]}"
+    check_release "${required[@]}"
+    keep_available "${optional[@]}"
+    apt_install "${required[@]}" "${optional[@]}"
 }
 
 # build preset: configures and builds it.

@@ -3,21 +3,15 @@
 import shutil
 import subprocess
 from pathlib import Path
+from typing import NamedTuple
 
 import pytest
 
 PROJECT = Path(__file__).resolve().parents[2]
+FILES = PROJECT / "tests/scripts/stand-ins"
 TOOLS = "bash cat cut dirname dpkg env grep make mkdir sed true uname unshare".split()
 STAND_INS = {
     **dict.fromkeys("chmod clang++ gcovr rm sleep update-rc.d".split(), ""),
-    "apt-cache": """case $2 in
-        cmake) echo "  Installed: (none)"; echo "  Candidate: ${CMAKE_VERSION-3.25.1-1}" ;;
-        *) echo "  Candidate: ${CANDIDATE-1.0}" ;;
-        esac""",
-    "apt-get": """case "$*" in
-        *update*) [ "$(grep -c "^apt-get.* update" "$LOG")" -gt "${LOCKED-0}" ] || {
-            echo "E: Could not get lock /var/lib/apt/lists/lock." >&2; exit 100; } ;;
-        esac""",
     "cmake": '[ "$1" != "${FAILS-}" ] || exit 3',
     "ctest": 'exit "${CTEST-0}"',
     "dpkg-query": 'case " ${MISSING-} " in *" ${!#} "*) exit 1 ;; esac; echo installed',
@@ -26,6 +20,7 @@ STAND_INS = {
     "sudo": '[ "${MAY-yes}" = yes ] || { echo "sudo: not allowed" >&2; exit 1; }; exec "$@"',
     "tee": 'cat >"$LOG.policy"',
 }
+LONGER_STAND_INS = ("apt-cache", "apt-get")  # in files of their own
 BUILT = {
     "drive/isolated": '[ "$PYTHONPATH" != "${0%/drive/*}" ] || exit 4',
     "build/fuzz/calls": "exit 7",
@@ -37,19 +32,32 @@ BUILT = {
 QUESTIONS = ("apt-cache", "dpkg-query", "getconf", "id", "sleep")  # asked often, and change nothing
 
 
+class Result(NamedTuple):
+    """How a script ended, and the lines that it wrote to standard output and standard error."""
+
+    status: int
+    output: list
+    errors: list
+
+
 class Machine:
     """It has all packages and an ordinary user, who may use sudo. Variables say else."""
 
     def __init__(self, directory, name):
         self.project, self.tools = directory / name, directory / "bin"
-        self.log = directory / "log"
+        self.log, self.policy = directory / "log", directory / "policy-rc.d"
         for part in ("bundle/rpcServer", "drive", "scripts", "tests/bundle"):
             shutil.copytree(PROJECT / part, self.project / part)
+        common = self.project / "scripts/common.sh"  # this machine may have a policy of its own
+        common.write_text(common.read_text().replace("/usr/sbin/policy-rc.d", str(self.policy)))
         self.tools.mkdir()
         for tool in TOOLS:
             (self.tools / tool).symlink_to(shutil.which(tool))
         for path, does in STAND_INS.items():
             self.put(self.tools / path, does)
+        for longer in LONGER_STAND_INS:
+            shutil.copy(FILES / longer, self.tools)
+        shutil.copy(FILES / "write-down", directory)
         for path, does in BUILT.items():
             self.put(self.project / path, does)
         for preset in ("dev", "asan", "coverage"):
@@ -59,16 +67,16 @@ class Machine:
         """Puts a program there that writes down how it is called."""
         path.parent.mkdir(parents=True, exist_ok=True)
         path.unlink(missing_ok=True)  # which may be a link to the machine's own
-        path.write_text(f'#!/bin/bash\necho "{path.name} $*" >>"$LOG"\n{does}\n')
+        path.write_text(f'#!/bin/bash\n. "${{LOG%/*}}/write-down"\n{does}\n')
         path.chmod(0o755)
 
     def run(self, script, *arguments, **variables):
-        """Returns the exit status, the lines of the output and those of the errors."""
+        """Runs the script to its end and returns the Result."""
         done = subprocess.run(
             ["env", "--default-signal", "bash", self.project / "scripts" / script, *arguments],
             check=False, text=True, errors="surrogateescape", capture_output=True,
             env={"PATH": str(self.tools), "LC_ALL": "C", "LOG": str(self.log), **variables})
-        return done.returncode, done.stdout.splitlines(), done.stderr.splitlines()
+        return Result(done.returncode, done.stdout.splitlines(), done.stderr.splitlines())
 
     def calls(self, *programs):
         """Returns how these programs were called, or all that change something, a line each."""
