@@ -1,4 +1,4 @@
-#include "bundle/rpcServer/Calls.h"
+#include "Calls.h"
 
 #include <stdexcept>
 
@@ -14,27 +14,37 @@ struct RpcError
     const char *message;
 };
 
+constexpr RpcError parseError{-32700, "Parse error"};
+constexpr RpcError invalidRequest{-32600, "Invalid Request"};
+constexpr RpcError methodNotFound{-32601, "Method not found"};
+constexpr RpcError invalidParams{-32602, "Invalid params"};
+constexpr RpcError noSuchChannel{-32001, "No such channel"};
+
 std::uint64_t number(const Json &params, const char *name)
 {
     const Json value = params.is_object() ? params.value(name, Json()) : Json();
-    return value.is_number_unsigned() ? value.get<std::uint64_t>()
-                                      : throw RpcError{-32602, "Invalid params"};
+    if (!value.is_number_unsigned()) {
+        throw RpcError(invalidParams);
+    }
+    return value.get<std::uint64_t>();
 }
 
-Json call(Channels &channels, const std::string &method, const Json &params)
+/// The result of one call; throws RpcError, or what Channels throws.
+Json call(Channels &channels, Rows &rows, const std::string &method, const Json &params)
 {
     if (method == "channel.open") {
+        rows.note(method);
         return {{"channel", channels.open()}};
     }
     if (method == "channel.frames") {
         return {{"frames", channels.frames(number(params, "channel"), number(params, "after"))}};
     }
-    throw RpcError{-32601, "Method not found"};
+    throw RpcError(methodNotFound);
 }
 
 Json refusal(Rows &rows, const Json &id, const RpcError &error)
 {
-    rows.refuse(error.message);
+    rows.note(std::string("refused: ") + error.message);
     return {{"jsonrpc", "2.0"},
             {"id", id},
             {"error", {{"code", error.code}, {"message", error.message}}}};
@@ -49,16 +59,15 @@ Json answer(Channels &channels, Rows &rows, const Json &request)
     const Json params = fields.value("params", Json::object());
     if (fields.value("jsonrpc", Json()) != "2.0" || !method.is_string() ||
         !params.is_structured() || !(id.is_string() || id.is_number() || id.is_null())) {
-        return refusal(rows, nullptr, {-32600, "Invalid Request"});
+        return refusal(rows, nullptr, invalidRequest);
     }
     Json reply;
     try {
-        reply = {{"jsonrpc", "2.0"}, {"id", id}, {"result", call(channels, method, params)}};
-        Rows::say(method);
+        reply = {{"jsonrpc", "2.0"}, {"id", id}, {"result", call(channels, rows, method, params)}};
     } catch (const RpcError &error) {
         reply = refusal(rows, id, error);
     } catch (const std::out_of_range &) {
-        reply = refusal(rows, id, {-32001, "No such channel"});
+        reply = refusal(rows, id, noSuchChannel);
     }
     return fields.contains("id") ? reply : Json();
 }
@@ -69,11 +78,12 @@ Json answerParsed(Channels &channels, Rows &rows, const Json &parsed)
         return answer(channels, rows, parsed);
     }
     if (parsed.empty() || parsed.size() > mostCalls) {
-        return refusal(rows, nullptr, {-32600, "Invalid Request"});
+        return refusal(rows, nullptr, invalidRequest);
     }
     Json replies;
     for (const Json &request : parsed) {
-        if (const Json reply = answer(channels, rows, request); !reply.is_null()) {
+        const Json reply = answer(channels, rows, request);
+        if (!reply.is_null()) {
             replies.push_back(reply);
         }
     }
@@ -88,7 +98,7 @@ std::string answerBody(Channels &channels, Rows &rows, const std::string &body)
     // more stack than there is.
     const auto keep = [](int depth, Json::parse_event_t, const Json &) { return depth <= 4; };
     const Json parsed = Json::parse(body, keep, false);
-    const Json reply = parsed.is_discarded() ? refusal(rows, nullptr, {-32700, "Parse error"})
+    const Json reply = parsed.is_discarded() ? refusal(rows, nullptr, parseError)
                                              : answerParsed(channels, rows, parsed);
     return reply.is_null() ? "" : reply.dump();
 }

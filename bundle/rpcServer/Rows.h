@@ -5,7 +5,8 @@
 #include <string>
 
 /// What the server writes. Each line becomes a row of the launcher's list, whose memory is never
-/// given back: refusals, which cost whoever asks for them nothing, get one row a second at most.
+/// given back. Requests cost whoever sends them nothing, so all of them together cause one row a
+/// second at most.
 class Rows
 {
 public:
@@ -16,30 +17,28 @@ public:
         std::fflush(stdout);
     }
 
-    /// Counts a refusal.
-    void refuse(const char *why)
+    /// A request is worth a row.
+    void note(const std::string &row)
     {
-        ++refused;
-        last = why;
+        ++noted;
+        last = row;
     }
 
-    /// Says what was refused since the last such row, if that one is a second old. Called at least
-    /// once a second.
+    /// Writes one row for all that was noted since the last one, if that is a second old. Called at
+    /// least once a second.
     void report()
     {
         const auto now = std::chrono::steady_clock::now();
-        if (refused == 0 || now < next) {
+        if (noted == 0 || now < next) {
             return;
         }
-        const std::string many =
-            refused == 1 ? "" : std::to_string(refused) + " requests, the last for: ";
-        say("refused: " + many + last);
-        refused = 0;
+        say(noted == 1 ? last : std::to_string(noted) + " requests, the last: " + last);
+        noted = 0;
         next = now + std::chrono::seconds(1);
     }
 
 private:
-    std::size_t refused = 0;
-    const char *last = "";
+    std::size_t noted = 0;
+    std::string last;
     std::chrono::steady_clock::time_point next;
 };

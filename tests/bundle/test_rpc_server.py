@@ -1,22 +1,20 @@
-"""The sample RPC server: the protocol, and how it starts and lives on."""
+"""The sample RPC server: its protocol, its channels and its rows."""
 
 import json
 import math
-import os
 import re
-import shutil
-import socket
 import time
+from typing import Any, NamedTuple
 
-import psutil
 import pytest
-from machine import JSON, USER, assert_one_line, takes_root
+from machine import JSON
 
 from drive.bundle import RPC_PORT, ask
 from drive.processes import wait_for
 
-LISTENING = "rpcServer: listening on 127.0.0.1:4201\n"
-MOST_BYTES = 64 * 1024
+MOST_BYTES = 64 * 1024  # of a body
+MOST_CALLS = 16  # of a batch
+MOST_CHANNELS = 1024
 PARSE_ERROR = {"code": -32700, "message": "Parse error"}
 INVALID_REQUEST = {"code": -32600, "message": "Invalid Request"}
 UNKNOWN_METHOD = {"code": -32601, "message": "Method not found"}
@@ -46,14 +44,21 @@ def encoded(body):
     return text if isinstance(text, bytes) else text.encode()
 
 
+class Reply(NamedTuple):
+    """The server's answer to a body."""
+
+    status: int
+    text: str
+
+
 def post(body):
-    """Returns HTTP status and text of the answer."""
-    return ask("/rpc", encoded(body), port=RPC_PORT, host="127.0.0.1", headers=JSON)
+    """Returns the Reply."""
+    return Reply(*ask("/rpc", encoded(body), port=RPC_PORT, host="127.0.0.1", headers=JSON))
 
 
 def answer(body):
     """Returns the answer as an object."""
-    return json.loads(post(body)[1])
+    return json.loads(post(body).text)
 
 
 def open_channel():
@@ -61,193 +66,237 @@ def open_channel():
     return answer(request("channel.open"))["result"]["channel"]
 
 
+def open_channels(number):
+    """Opens so many at once, in batches."""
+    for begin in range(0, number, MOST_CALLS):
+        post([request("channel.open")] * min(MOST_CALLS, number - begin))
+
+
 def frames_of(channel, after=0):
     """Returns the frames of the channel that come after this one."""
     return answer(frames(channel, after))["result"]["frames"]
 
 
-# Error, id and request, each as it comes after one channel was opened.
-ERRORS = [
-    *((PARSE_ERROR, None, body) for body in (
-        "", "{", b'"\xff"', '{"id": 1e999}', '[{"jsonrpc": "2.0", "method": "a"}, {')),
-    *((INVALID_REQUEST, None, body) for body in (
-        "1", [], {"jsonrpc": "2.0", "id": 1}, {"id": 1, "method": "channel.open"},
-        request("channel.open", jsonrpc="1.0"), request("channel.open", jsonrpc=2.0),
-        request(1), request("channel.open", "text"), request("channel.open", id=[1]),
-        request("channel.open", id=True), [request("channel.open")] * 17)),
-    (UNKNOWN_METHOD, -5, request("channel", id=-5)),
-    (UNKNOWN_METHOD, "a\u00e4", request("", id="a\u00e4")),
-    (UNKNOWN_METHOD, None, request("x" * 60000, id=None)),
-    (UNKNOWN_METHOD, 2 ** 53, request("channel.close", id=2 ** 53)),
-    (UNKNOWN_METHOD, 1.5, request("Channel.open", id=1.5)),
-    *((INVALID_PARAMS, 1, request("channel.frames", params)) for params in (
-        None, [1, 0], {"channel": 1}, {"after": 0})),
-    *((INVALID_PARAMS, 1, frames(1, after)) for after in ("0", -1, 0.5, None, [[[[[0]]]]])),
-    *((NO_SUCH_CHANNEL, 1, frames(channel, 0)) for channel in (0, 2 ** 64 - 1))]
+class Refused(NamedTuple):
+    """A body, and the error and the id of its answer, after one channel was opened."""
+
+    error: dict
+    identity: Any
+    body: Any
+
+
+REFUSED = {
+    "nothing": Refused(PARSE_ERROR, None, ""),
+    "half an object": Refused(PARSE_ERROR, None, "{"),
+    "a string that is not UTF-8": Refused(PARSE_ERROR, None, b'"\xff"'),
+    "a number out of range": Refused(PARSE_ERROR, None, '{"id": 1e999}'),
+    "half a batch": Refused(PARSE_ERROR, None, '[{"jsonrpc": "2.0", "method": "a"}, {'),
+    "a number": Refused(INVALID_REQUEST, None, "1"),
+    "an empty batch": Refused(INVALID_REQUEST, None, []),
+    "a batch that is too long":
+        Refused(INVALID_REQUEST, None, [request("channel.open")] * (MOST_CALLS + 1)),
+    "no method": Refused(INVALID_REQUEST, None, {"jsonrpc": "2.0", "id": 1}),
+    "no version": Refused(INVALID_REQUEST, None, {"id": 1, "method": "channel.open"}),
+    "another version": Refused(INVALID_REQUEST, None, request("channel.open", jsonrpc="1.0")),
+    "a version that is no text": Refused(INVALID_REQUEST, None, request("channel.open", jsonrpc=2)),
+    "a method that is no text": Refused(INVALID_REQUEST, None, request(1)),
+    "parameters that are a text": Refused(INVALID_REQUEST, None, request("channel.open", "text")),
+    "an id that is a list": Refused(INVALID_REQUEST, None, request("channel.open", id=[1])),
+    "an id that is true": Refused(INVALID_REQUEST, None, request("channel.open", id=True)),
+    "the beginning of a method": Refused(UNKNOWN_METHOD, 1, request("channel")),
+    "an empty method": Refused(UNKNOWN_METHOD, 1, request("")),
+    "a long method": Refused(UNKNOWN_METHOD, 1, request("x" * 60000)),
+    "a method in other letters": Refused(UNKNOWN_METHOD, 1, request("Channel.open")),
+    "an id below 0": Refused(UNKNOWN_METHOD, -5, request("no.such.method", id=-5)),
+    "an id that is a text":
+        Refused(UNKNOWN_METHOD, "a\u00e4", request("no.such.method", id="a\u00e4")),
+    "an id that is null": Refused(UNKNOWN_METHOD, None, request("no.such.method", id=None)),
+    "a large id": Refused(UNKNOWN_METHOD, 2 ** 53, request("no.such.method", id=2 ** 53)),
+    "an id with a fraction": Refused(UNKNOWN_METHOD, 1.5, request("no.such.method", id=1.5)),
+    "no parameters": Refused(INVALID_PARAMS, 1, request("channel.frames")),
+    "parameters without names": Refused(INVALID_PARAMS, 1, request("channel.frames", [1, 0])),
+    "no frame": Refused(INVALID_PARAMS, 1, request("channel.frames", {"channel": 1})),
+    "no channel": Refused(INVALID_PARAMS, 1, request("channel.frames", {"after": 0})),
+    "a frame that is a text": Refused(INVALID_PARAMS, 1, frames(1, "0")),
+    "a frame below 0": Refused(INVALID_PARAMS, 1, frames(1, -1)),
+    "a frame with a fraction": Refused(INVALID_PARAMS, 1, frames(1, 0.5)),
+    "a frame that is null": Refused(INVALID_PARAMS, 1, frames(1, None)),
+    "a frame that is nested": Refused(INVALID_PARAMS, 1, frames(1, [[[[[0]]]]])),
+    "channel 0": Refused(NO_SUCH_CHANNEL, 1, frames(0, 0)),
+    "the largest channel": Refused(NO_SUCH_CHANNEL, 1, frames(2 ** 64 - 1, 0))}
+
+DEEP = "[" * 30000 + "]" * 30000
+NESTED = {
+    "lists": DEEP,
+    "lists without an end": "[" * MOST_BYTES,
+    "objects": '{"a":' * 10000 + "1" + "}" * 10000,
+    "parameters": f'{{"jsonrpc":"2.0","id":1,"method":"a","params":{DEEP}}}'}
 
 
 @pytest.fixture
-def start(start_rpc_server):
-    """start(...): a server that listens, a subprocess.Popen."""
-    def started(**how):
-        server = start_rpc_server(**how)
-        assert server.stdout.readline() == LISTENING
-        return server
-
+def server(start_rpc_server):
+    """A server that listens; its next row is the first about a request."""
+    started = start_rpc_server()
+    assert started.stdout.readline() == f"rpcServer: listening on 127.0.0.1:{RPC_PORT}\n"
     return started
 
 
-@pytest.fixture
-def server(start):
-    """A server that listens."""
-    return start()
+@pytest.mark.parametrize("refused", REFUSED.values(), ids=REFUSED)
+def test_answers_an_error_with_its_code_message_and_id(server, refused):
+    open_channel()
+    assert answer(refused.body) == {
+        "jsonrpc": "2.0", "id": refused.identity, "error": refused.error}
 
 
-@pytest.mark.parametrize(("error", "identity", "body"), ERRORS)
-def test_answers_an_error_with_its_code_message_and_id(server, error, identity, body):
-    assert open_channel() == 1
-    assert answer(body) == {"jsonrpc": "2.0", "id": identity, "error": error}
+def test_answers_a_good_request_with_its_id(server):
+    assert answer(request("channel.open", id="a")) == {
+        "jsonrpc": "2.0", "id": "a", "result": {"channel": 1}}
 
 
 def test_answers_the_requests_of_a_batch_in_their_order(server):
-    bad, unknown, _, good = answer([5, request("nothing", id=2), request("channel.open", id=3),
-                                    notification("channel.open"), request("channel.open", id=4)])
-    assert (bad["id"], bad["error"]) == (None, INVALID_REQUEST)
-    assert (unknown["id"], unknown["error"]) == (2, UNKNOWN_METHOD)
-    assert good == {"jsonrpc": "2.0", "id": 4, "result": {"channel": 3}}
-    assert [len(answer([request("channel.open")] * calls)) for calls in (1, 16)] == [1, 16]
+    answers = answer([request("no.such.method", id=3), request("channel.open", id=1),
+                      request("channel.open", id=2)])
+    assert [one["id"] for one in answers] == [3, 1, 2]
+
+
+def test_answers_the_good_requests_of_a_batch_beside_a_bad_one(server):
+    bad, good = answer([5, request("channel.open")])
+    assert bad["error"] == INVALID_REQUEST
+    assert good["result"] == {"channel": 1}
+
+
+def test_answers_no_notification_of_a_batch(server):
+    assert len(answer([notification("channel.open"), request("channel.open")])) == 1
+
+
+@pytest.mark.parametrize("calls", [1, MOST_CALLS])
+def test_answers_a_batch_with_a_list(server, calls):
+    assert len(answer([request("channel.open")] * calls)) == calls
 
 
 @pytest.mark.parametrize("body", [
-    notification("channel.open"), notification("nothing"), [notification("channel.frames")] * 2])
+    notification("channel.open"), notification("no.such.method"),
+    [notification("channel.open")] * 2], ids=["good", "bad", "batch"])
 def test_answers_no_notification(server, body):
-    assert post(body) == (204, "")
+    assert post(body) == Reply(204, "")
+
+
+def test_carries_out_a_notification(server):
+    post(notification("channel.open"))
+    assert open_channel() == 2
+
+
+def test_takes_a_body_of_the_greatest_size(server):
+    assert post(b" " * (MOST_BYTES - 2) + b"{}").status == 200
 
 
 def test_refuses_an_oversized_body(server):
-    fits = b" " * (MOST_BYTES - 2) + b"{}"
-    assert post(fits)[0] == 200
-    assert post(fits + b" ")[0] == 413
+    assert post(b" " * (MOST_BYTES - 1) + b"{}").status == 413
+
+
+@pytest.mark.parametrize("body", NESTED.values(), ids=NESTED)
+def test_survives_a_deeply_nested_body(server, body):
+    assert post(body).status == 200
     open_channel()
 
 
-def test_survives_a_deeply_nested_body(server):
-    deep = "[" * 30000 + "]" * 30000
-    for body in (deep, "[" * MOST_BYTES, '{"a":' * 10000 + "1" + "}" * 10000,
-                 f'{{"jsonrpc":"2.0","id":1,"method":"a","params":{deep}}}'):
-        assert post(body)[0] == 200
+def test_writes_a_row_for_an_opened_channel(server):
     open_channel()
+    assert server.stdout.readline() == "channel.open\n"
 
 
-def test_writes_a_short_line_for_each_request(server):
-    for body, line in ((request("channel.open"), "channel.open\n"),
-                       (frames(1, 0), "channel.frames\n"),
-                       (request("x" * 1000), "refused: Method not found\n"),
-                       ("{", "refused: Parse error\n")):
-        post(body)
-        assert server.stdout.readline() == line
+def test_writes_a_row_for_what_it_refuses(server):
+    post(request("x" * 1000))
+    assert server.stdout.readline() == "refused: Method not found\n"
 
 
-def test_writes_at_most_one_line_a_second_about_what_it_refuses(server):
-    started, refused, lines = time.monotonic(), 0, 0
-    for _ in range(60):
-        post("{")
-    while refused < 60:
-        number = re.fullmatch("refused: (?:([0-9]+) requests, the last for: )?Parse error\n",
-                              server.stdout.readline())[1]
-        refused, lines = refused + int(number or 1), lines + 1
-    assert refused == 60
-    assert lines <= time.monotonic() - started + 1
-
-
-def test_delivers_each_frame_once_in_order_and_the_first_at_once(server):
+def test_writes_no_row_for_frames(server):
     channel = open_channel()
-    numbers = [frame["number"] for frame in frames_of(channel)]
-    assert numbers
+    assert server.stdout.readline() == "channel.open\n"
+    for _ in range(10):
+        frames_of(channel)
+    post("{")
+    assert server.stdout.readline() == "refused: Parse error\n"  # not one of eleven
+
+
+def test_says_in_one_row_how_many_requests_there_were_and_what_the_last_was(server):
+    post([request("channel.open"), request("channel.open"), request("no.such.method")])
+    assert server.stdout.readline() == "3 requests, the last: refused: Method not found\n"
+
+
+@pytest.mark.parametrize("body", ["{", request("channel.open")], ids=["refused", "opened"])
+def test_writes_at_most_one_row_a_second_about_all_requests(server, body):
+    begin, noted, rows = time.monotonic(), 0, 0
+    for _ in range(60):
+        post(body)
+    while noted < 60:
+        row = re.fullmatch("(?:([0-9]+) requests, the last: )?(.*)\n", server.stdout.readline())
+        noted, rows = noted + int(row[1] or 1), rows + 1
+    assert noted == 60
+    assert rows <= time.monotonic() - begin + 1
+
+
+def test_delivers_the_first_frame_at_once(server):
+    assert frames_of(open_channel())[0]["number"] == 1
+
+
+def test_delivers_each_frame_once_and_in_order(server):
+    channel, numbers = open_channel(), [0]
 
     def ask_on():
         numbers.extend(frame["number"] for frame in frames_of(channel, numbers[-1]))
         return len(numbers) > 10
 
     wait_for("ten frames", ask_on)
-    assert numbers == list(range(1, len(numbers) + 1))
-    assert frames_of(channel, 2 ** 64 - 1) == []
+    assert numbers == list(range(len(numbers)))
 
 
-def test_delivers_the_newest_two_seconds_of_a_moving_picture(server):
+def test_delivers_no_frame_after_the_last_possible_one(server):
+    assert frames_of(open_channel(), 2 ** 64 - 1) == []
+
+
+def test_delivers_the_newest_two_seconds(server):
+    channel = open_channel()
+    wait_for("the 60th frame", lambda: frames_of(channel, 59))
+    newest = frames_of(channel, 59)[-1]["number"]
+    numbers = [frame["number"] for frame in frames_of(channel)]
+    assert numbers == list(range(numbers[-1] - 49, numbers[-1] + 1))
+    assert numbers[-1] >= newest
+
+
+def test_makes_twenty_five_frames_a_second(server):
     before = time.monotonic()
     channel = open_channel()
     opened = time.monotonic()
     wait_for("the 60th frame", lambda: frames_of(channel, 59))
     asked = time.monotonic()
-    delivered = frames_of(channel)
-    assert len(delivered) == 50
-    newest = delivered[-1]["number"]
+    newest = frames_of(channel)[-1]["number"]
     assert 25 * (asked - opened) <= newest <= 25 * (time.monotonic() - before) + 1
-    assert delivered == [
-        {"number": number, "hue": number * 2 % 360, "x": round(500 + 400 * math.cos(number / 20)),
-         "y": round(500 + 400 * math.sin(number * 3 / 40))}
-        for number in range(newest - 49, newest + 1)]
 
 
-def test_keeps_the_newest_sixteen_channels(server):
-    opened = [open_channel() for _ in range(17)]
-    assert opened == list(range(1, 18))
-    first, *others = [answer(frames(channel, 0)) for channel in opened]
-    assert first["error"] == NO_SUCH_CHANNEL
-    assert all("result" in other for other in others)
+def test_moves_the_ball_along_a_curve_in_changing_colours(server):
+    channel = open_channel()
+    for frame in wait_for("the fifth frame", lambda: frames_of(channel, 4)):
+        assert frame == {
+            "number": frame["number"], "hue": frame["number"] * 2 % 360,
+            "x": round(500 + 400 * math.cos(frame["number"] / 20)),
+            "y": round(500 + 400 * math.sin(frame["number"] * 3 / 40))}
 
 
-def test_listens_on_loopback_only(server):
-    assert [c.laddr for c in psutil.Process(server.pid).connections()] == [("127.0.0.1", RPC_PORT)]
+def test_keeps_as_many_channels_as_nobody_has_pages_open(server):
+    open_channels(MOST_CHANNELS)
+    assert frames_of(1)
 
 
-def test_says_that_its_port_is_taken(server, start_rpc_server):
-    second = start_rpc_server()
-    output = second.communicate(timeout=30)[0]
-    assert second.returncode == 1
-    assert_one_line(output, "port 4201", "taken by another program", "[Deploy Service]")
+def test_forgets_the_channel_that_was_asked_for_the_longest_ago(server):
+    open_channels(MOST_CHANNELS)
+    frames_of(1)
     open_channel()
-    assert server.poll() is None
+    assert answer(frames(2, 0))["error"] == NO_SUCH_CHANNEL
 
 
-@takes_root
-def test_says_so_when_another_user_runs_the_same_bundle(build, make_directory, start,
-                                                        start_rpc_server):
-    program = shutil.copy(build / "orvane.app/rpcServer/MacOs/rpcServer",
-                          make_directory("bundle", mode=0o755))
-    start(program=program)
-    other = start_rpc_server(program=program, user=USER)
-    assert other.stdout.readline().startswith("rpcServer: port 4201 is taken by another program")
-
-
-def test_waits_for_a_port_that_is_about_to_be_free(start_rpc_server):
-    with socket.create_server(("127.0.0.1", RPC_PORT)):
-        server = start_rpc_server()
-        started = psutil.Process(server.pid)
-        wait_for("it sleeps after a try", lambda: sum(started.num_ctx_switches()) > 2
-                 and started.status() == psutil.STATUS_SLEEPING)
-    assert server.stdout.readline() == LISTENING
-
-
-def test_a_killed_server_is_replaced_at_once(start):
-    for _ in range(10):
-        server = start()
-        open_channel()
-        server.kill()
-
-
-def test_answers_on_when_nobody_reads_its_output_any_more(server):
-    server.stdout.close()
-    for _ in range(3):
-        open_channel()
-    assert server.poll() is None
-
-
-def test_keeps_none_of_the_descriptors_that_came_along(start, ending):
-    reading, writing = os.pipe()
-    ending.callback(os.close, writing)
-    start(pass_fds=[reading])
-    os.close(reading)
-    with pytest.raises(BrokenPipeError):
-        os.write(writing, b"to nobody")
+def test_keeps_a_channel_that_is_asked_for(server):
+    open_channels(MOST_CHANNELS)
+    frames_of(1)
+    open_channel()
+    assert frames_of(1)
