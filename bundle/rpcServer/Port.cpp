@@ -4,15 +4,14 @@
 // that only the same user and root may send, and that a server whose launcher lives ignores too. So
 // no mistake about a process, and no stranger's lock, ends anything.
 
-#include "bundle/rpcServer/Port.h"
+#include "Port.h"
 
-#include "process/ExecutablePath.h"
+#include "Platform.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,16 +31,6 @@ void giveWay(int /*signal*/)
     if (getppid() != launcher) {
         _exit(0);
     }
-}
-
-/// Not the program itself: a build may have replaced it since the other server started.
-int openOwnDirectory()
-{
-    std::uint32_t size = 0;
-    executablePath(nullptr, &size);
-    std::string path(size, '\0');
-    executablePath(path.data(), &size);
-    return open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_CLOEXEC);
 }
 
 void askForThePort(int directory)
@@ -69,7 +58,9 @@ int takePort(int port)
 {
     launcher = getppid();
     std::signal(giveWaySignal, giveWay);
-    const int directory = openOwnDirectory(); // stays open, since closing it gives up the lock
+    // Not the program itself: a build may have replaced it since the other server started.
+    // It stays open, since closing it gives up the lock.
+    const int directory = open(ownDirectory().c_str(), O_RDONLY | O_CLOEXEC);
 
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
     const int yes = 1;
