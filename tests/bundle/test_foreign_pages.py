@@ -8,7 +8,7 @@ import pytest
 from machine import JSON, OPEN
 
 from drive.browser import Browser
-from drive.bundle import ask
+from drive.bundle import RPC_PORT, ask
 from drive.processes import wait_for
 
 BATCH = f"[{', '.join([OPEN] * 16)}]"
@@ -73,7 +73,8 @@ def assert_untouched(rows):
     assert rows.readline() == "channel.open\n"
 
 
-@pytest.mark.parametrize("target", ["localhost:4200", "127.0.0.1:4201", "rebound.example:4200"])
+@pytest.mark.parametrize("target", [
+    "localhost:4200", f"127.0.0.1:{RPC_PORT}", "rebound.example:4200"])
 @pytest.mark.parametrize("kind", ["form", "fetch"])
 def test_request_has_no_effect(browser, attack, kind, target):
     rows = attack(kind, target)

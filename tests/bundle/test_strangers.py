@@ -61,7 +61,7 @@ REFUSED = [
         "user@localhost:{}")),
     *((403, {"Origin": origin}) for origin in (
         "http://other.example", "http://localhost:3000", "https://localhost:4200", "null",
-        "http://localhost:4200.example", "http://localhost:4201")),
+        "http://localhost:4200.example", f"http://localhost:{RPC_PORT}")),
     *((403, {"Sec_Fetch_Site": site}) for site in ("cross-site", "same-site")),
     *((415, {"Content-Type": kind}) for kind in (
         "text/plain", "multipart/form-data; boundary=x", "application/x-www-form-urlencoded",
