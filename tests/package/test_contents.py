@@ -160,13 +160,3 @@ def test_bundles_icon_holds_each_size_of_macos():
     with Image.open(BUILD / "orvane.app/Contents/Resources/orvane.icns") as icon:
         sizes = {width * scale for width, _, scale in icon.info["sizes"]}
     assert sizes >= {16, 32, 128, 256, 512, 1024}
-
-
-def test_translators_template_holds_exactly_the_windows_texts():
-    run("cmake", "--build", BUILD, "--target", "translations")
-    template = xml.parse(BUILD / "translations/orvane.ts").getroot()
-    form = xml.parse(PROJECT / "ui/MainWindow.ui")
-    assert [context.findtext("name") for context in template.iter("context")] == ["MainWindow"]
-    assert sorted(source.text for source in template.iter("source")) == sorted(
-        text.text for text in form.iter("string") if text.get("notr") != "true")
-    assert list(template.iter("comment")) == []
