@@ -20,6 +20,8 @@ from drive.processes import (PATIENCE, adopt_orphans, descendants, end, existing
 
 FIRST_DISPLAY = 100  # far above the numbers that real desktops take
 WINDOW_TITLE = "MainWindow"
+# Where dbus-x11 is installed, a program would start a bus of its own, which stays.
+NO_BUS = {"DBUS_SESSION_BUS_ADDRESS": "disabled:"}
 TABS = ("directions", "rpc", "nginx")
 
 
@@ -78,7 +80,7 @@ class Desktop:
     @property
     def environment(self):
         """The environment variables of a program that is to show itself here."""
-        return {**os.environ, "DISPLAY": self.name, "QT_QPA_PLATFORM": "xcb",
+        return {**os.environ, **NO_BUS, "DISPLAY": self.name, "QT_QPA_PLATFORM": "xcb",
                 **self.variables}
 
     def move(self, x, y):
@@ -116,17 +118,36 @@ class Desktop:
                 continue  # it went away meanwhile
         return None
 
+    def box(self, window):
+        """Returns where the window is: left, top, width, height."""
+        place, size = window.translate_coords(self.root, 0, 0), window.get_geometry()
+        return -place.x, -place.y, size.width, size.height
+
+    def picture_of(self, window):
+        """Returns a window as the screen shows it, as a PIL image."""
+        left, top, width, height = self.box(window)
+        return self.picture((left, top, left + width, top + height))
+
+    def close_window(self, window):
+        """Closes the window as its frame's button would."""
+        atom = self.display.intern_atom
+        message = event.ClientMessage(window=window, client_type=atom("WM_PROTOCOLS"),
+                                      data=(32, [atom("WM_DELETE_WINDOW"), X.CurrentTime, 0, 0, 0]))
+        window.send_event(message)
+        self.display.sync()
+
 
 class Launcher:
-    """The launcher in its window on a desktop. `options` are its own, for the toolkit; `landmarks`
-    is the program that tells where its widgets lie, beside the bundle if it is not given.
+    """The launcher in its window on a Desktop. `options` are its
+    own, for the toolkit; `landmarks` is the program that tells where its widgets lie, beside the
+    bundle if it is not given; `prepare` is called in the process that becomes the launcher.
 
     Its standard output and error go into files (`output`, `errors`). Raises RuntimeError when it
     ends at once or has another size, TimeoutError when no window comes, and what `landmarks`
     raises: subprocess.CalledProcessError, subprocess.TimeoutExpired.
     """
 
-    def __init__(self, desktop, program, options=(), cwd=None, landmarks=None):
+    def __init__(self, desktop, program, options=(), cwd=None, landmarks=None, prepare=None):
         self.desktop = desktop
         self.program = os.path.abspath(program)
         adopt_orphans()
@@ -139,7 +160,7 @@ class Launcher:
             self.process = subprocess.Popen(
                 [self.program, *options], cwd=cwd, env=self.environment, stdout=output,
                 stderr=errors, stdin=subprocess.DEVNULL, start_new_session=True,
-                preexec_fn=self._as_from_a_menu)
+                preexec_fn=lambda: self._as_from_a_menu(prepare))
         try:
             self.window = wait_for("the launcher's window", self._window_or_exit)
             self._check_size()
@@ -148,10 +169,12 @@ class Launcher:
             raise
 
     @staticmethod
-    def _as_from_a_menu():
+    def _as_from_a_menu(prepare):
         resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
         for number in (signal.SIGINT, signal.SIGHUP):  # which nohup, or a shell, may ignore
             signal.signal(number, signal.SIG_DFL)
+        if prepare:
+            prepare()
 
     def _find_landmarks(self, program, options):
         program = program or Path(self.program).parents[3] / "landmarks"
@@ -166,10 +189,10 @@ class Launcher:
         return self.desktop.find_window(self.process.pid)
 
     def _check_size(self):
-        shown = self.window.get_geometry()
-        if [shown.width, shown.height] != self.landmarks["window"]:
-            raise RuntimeError(f"the window is {shown.width} by {shown.height}, its landmarks are "
-                               f"those of {self.landmarks['window']}")
+        _, _, width, height = self.desktop.box(self.window)
+        if [width, height] != self.landmarks["window"]:
+            raise RuntimeError(f"the window is {width} by {height}, its landmarks are those of "
+                               f"{self.landmarks['window']}")
 
     def __enter__(self):
         return self
@@ -198,13 +221,9 @@ class Launcher:
         parents = Path(self.program).parents
         return next((p for p in parents if p.name == "orvane.app"), parents[0])
 
-    def _corner(self):
-        place = self.window.translate_coords(self.desktop.root, 0, 0)
-        return -place.x, -place.y
-
     def point_at(self, landmark):
         """Puts the mouse pointer in the middle of a widget."""
-        left, top = self._corner()
+        left, top, _, _ = self.desktop.box(self.window)
         x, y = self.landmarks[landmark]
         self.desktop.move(left + x, top + y)
 
@@ -216,18 +235,14 @@ class Launcher:
 
     def picture(self, landmark=None):
         """Returns the window as the screen shows it, or one of its rectangular landmarks."""
-        left, top = self._corner()
+        left, top, _, _ = self.desktop.box(self.window)
         x, y, width, height = self.landmarks[landmark] if landmark else (
             0, 0, *self.landmarks["window"])
         return self.desktop.picture((left + x, top + y, left + x + width, top + y + height))
 
     def close(self):
         """Closes the window as its frame's button would."""
-        atom = self.desktop.display.intern_atom
-        message = event.ClientMessage(window=self.window, client_type=atom("WM_PROTOCOLS"),
-                                      data=(32, [atom("WM_DELETE_WINDOW"), X.CurrentTime, 0, 0, 0]))
-        self.window.send_event(message)
-        self.desktop.display.sync()
+        self.desktop.close_window(self.window)
 
     def kill(self):
         """Kills the launcher alone."""

@@ -1,8 +1,10 @@
 """A desktop, bundles and launchers of its own for each story."""
 
+import shutil
 import subprocess
 import tempfile
 from pathlib import Path
+from typing import NamedTuple
 
 import pytest
 from PIL import Image
@@ -12,6 +14,31 @@ from drive.desktop import Desktop, Launcher
 from drive.processes import wait_for
 
 pytest.register_assert_rewrite("steps")
+
+
+DARK = """[Colors:Window]
+BackgroundNormal=35,38,41
+ForegroundNormal=252,252,252
+[Colors:View]
+BackgroundNormal=27,30,32
+ForegroundNormal=252,252,252
+[Colors:Button]
+BackgroundNormal=49,54,59
+ForegroundNormal=252,252,252
+"""
+DARK_LXQT = """[Palette]
+window_color=#232629
+base_color=#1b1e20
+window_text_color=#fcfcfc
+text_color=#fcfcfc
+"""
+
+
+class Home(NamedTuple):
+    """Two programs in a user's home: what is started directly, and what a menu starts."""
+
+    launcher: Path
+    starter: Path
 
 
 @pytest.fixture
@@ -25,6 +52,25 @@ def throw_away(directory, build):
     """throw_away(place, ...): a bundle with a copy of the launcher, as drive.bundle.ThrowAway."""
     return lambda place="", **services: ThrowAway(
         directory / place, build / "orvane.app/Contents/MacOS/orvane", **services)
+
+
+@pytest.fixture
+def add_starter(project):
+    """add_starter(program): puts orvane-launcher beside the launcher; returns its path."""
+    source = project / "packaging/linux/orvane-launcher"
+    return lambda program: Path(shutil.copy(source, program.parent))
+
+
+@pytest.fixture
+def home(directory, build, add_starter):
+    """A home with dark settings, and in it the launcher and orvane-launcher."""
+    launcher = directory / "orvane"
+    shutil.copy(build / "orvane.app/Contents/MacOS/orvane", launcher)
+    (directory / ".config").mkdir()
+    (directory / ".config/kdeglobals").write_text(DARK)
+    (directory / ".config/lxqt").mkdir()
+    (directory / ".config/lxqt/lxqt.conf").write_text(DARK_LXQT)
+    return Home(launcher, add_starter(launcher))
 
 
 @pytest.fixture

@@ -1,5 +1,8 @@
 """The steps that the stories have in common."""
 
+import subprocess
+from contextlib import contextmanager
+
 from drive.bundle import RPC_PORT, SITE_PORT, port_open, site_answers
 from drive.processes import wait_for
 
@@ -32,3 +35,35 @@ def close(launcher):
     wait_for("nothing left running", lambda: not launcher.started())
     assert not port_open(SITE_PORT)
     assert not port_open(RPC_PORT)
+
+
+@contextmanager
+def shown(desktop, program, *options, **environment):
+    """The window, as Xlib has it, of a launcher that is started so by an ordinary command."""
+    environment = {**desktop.environment, "HOME": str(program.parent), **environment}
+    with subprocess.Popen([program, *options], env=environment,
+                          stderr=subprocess.DEVNULL) as process:
+        try:
+            yield wait_for("the window", lambda: desktop.find_window(process.pid))
+        finally:
+            process.kill()
+
+
+def settled(picture):
+    """Returns what picture() returns once the window is drawn and has stopped to change."""
+    seen = []
+
+    def unchanged():
+        seen.append(picture())
+        same = [earlier.tobytes() == seen[-1].tobytes() for earlier in seen[-10:]]
+        drawn = seen[-1].getpixel((1, seen[-1].height - 2)) == (255, 255, 255)  # to its lower edge
+        return same == [True] * 10 and drawn and len(seen[-1].getcolors(2 ** 24)) > 10
+
+    wait_for("a picture that no longer changes", unchanged)
+    return seen[-1]
+
+
+def looks(desktop, program, *options, **environment):
+    """Returns the picture of the window of a launcher that is started so."""
+    with shown(desktop, program, *options, **environment) as window:
+        return settled(lambda: desktop.picture_of(window))
