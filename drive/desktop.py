@@ -138,7 +138,7 @@ class Desktop:
 
 
 class Launcher:
-    """The launcher in its window on a Desktop. `options` are its
+    """The launcher in its window on a Desktop or a drive.compositor.Compositor. `options` are its
     own, for the toolkit; `landmarks` is the program that tells where its widgets lie, beside the
     bundle if it is not given; `prepare` is called in the process that becomes the launcher.
 
