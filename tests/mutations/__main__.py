@@ -6,6 +6,8 @@ Ends with 0 if each change was noticed or is explained in tests/mutations/entrie
 import argparse
 import collections
 import concurrent.futures
+import contextlib
+import fcntl
 import queue
 import random
 import sys
@@ -14,7 +16,7 @@ from pathlib import Path
 
 from mutations.changes import PROJECT
 from mutations.covered import files, tests_of
-from mutations.judging import Tree, Verdict
+from mutations.judging import WORK, Tree, Verdict
 from mutations.rules import changes_of
 from mutations.table import read_table
 
@@ -66,6 +68,18 @@ def chosen(changes, given):
     return sorted(found, key=lambda change: change.file)
 
 
+@contextlib.contextmanager
+def alone():
+    """Keeps another scripts/mutate from the same trees."""
+    WORK.mkdir(parents=True, exist_ok=True)
+    with open(WORK / "lock", "w") as lock:
+        try:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            sys.exit(f"scripts/mutate: another one works in {WORK}: wait until it has ended")
+        yield
+
+
 def prepared_trees(changes, jobs):
     """Returns a queue with a tree for each job, ready to judge these changes."""
     trees = queue.SimpleQueue()
@@ -115,7 +129,8 @@ def main():
     if given.list:
         print(*picked, sep="\n\n")
         return
-    outcomes = judge_all(picked, given.jobs)
+    with alone():
+        outcomes = judge_all(picked, given.jobs)
     print()
     for folder in sorted({change.file.partition("/")[0] for change in outcomes}):
         of_folder = [said.partition(",")[0] for change, said in outcomes.items()

@@ -13,6 +13,7 @@ import time
 from mutations.changes import PROJECT
 from mutations.covered import files, tests_of
 
+WORK = PROJECT / "build/mutate"  # the trees
 HANG_SECONDS = 30  # more than a test takes without a change
 # A changed launcher may signal whatever it can reach and leave children behind, and root's changed
 # installation may write anywhere. What runs here sees only the processes of a namespace of its own,
@@ -24,7 +25,7 @@ if os.getuid() != 0:
 else:
     ISOLATED += ["sh", "-c", 'mount --bind "$0" "$0" && mount --bind "$1" "$1" && shift &&'
                  ' mount -o remount,bind,ro / && cd "$PWD" && exec "$@"', *WRITABLE]
-COMPILED = (".cpp", ".h", ".ui")  # a change that these do not build with says nothing
+COMPILED = (".cpp", ".h", ".ui")  # a change that the compiler refuses says nothing
 DESCRIBES_THE_BUILD = (".txt", ".cmake", ".in")
 # What a test needs to be built if it is no program itself.
 BUILT_FOR_SCRIPTS = ["app/all", "bundle/all", "drive/all"]
@@ -50,7 +51,7 @@ class Tree:
     seen = collections.Counter()  # by file and test: the changes noticed
 
     def __init__(self, job):
-        self.source, self.build = (PROJECT / f"build/mutate/{job}" / d for d in ("source", "build"))
+        self.source, self.build = (WORK / str(job) / folder for folder in ("source", "build"))
 
     def run(self, *command, seconds=None, must=False):
         """Returns whether the command ended with 0 in time, and its output, or None if it hangs.
