@@ -2,9 +2,9 @@
 
 import pytest
 
+from mutations import covered
 from mutations.__main__ import outcome
 from mutations.changes import Change
-from mutations.covered import tests_of
 from mutations.judging import Tree, Verdict
 
 SOURCE = "one();\ntwo();\n"
@@ -19,7 +19,7 @@ class LookingTree(Tree):
         self.file = directory / "ui/a.cpp"
         self.file.parent.mkdir()
         self.file.write_text(SOURCE)
-        self.tests = {tests_of("ui/a.cpp"): {"slow": [], "quick": []}}
+        self.tests = {covered.tests_of("ui/a.cpp"): {"slow": [], "quick": []}}
         self.usual = {"slow": 2, "quick": 1}
         self.seen = type(Tree.seen)()
 
