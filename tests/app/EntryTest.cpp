@@ -1,4 +1,4 @@
-#include "tests/app/standin/Steps.h"
+#include "tests/app/entry/QApplication"
 
 #include <QTest>
 
@@ -12,24 +12,59 @@ class EntryTest : public QObject
     Q_OBJECT
 
 private slots:
-    void init() { Steps::all.clear(); }
+    void init()
+    {
+        Steps::all.clear();
+        Steps::failing.clear();
+    }
 
     void takesItsStepsInOrder()
     {
-        QCOMPARE(run(), 7); // the event loop's
-        QCOMPARE(Steps::all, order + ends);
+        run();
+        QCOMPARE(Steps::all, QStringList({"coordinator", "application", "window", "set coordinator",
+                                          "show", "loop", "window ends", "application ends"}));
+    }
+
+    void returnsTheStatusOfTheEventLoop() { QCOMPARE(run(), QApplication::loopStatus); }
+
+    void applicationGetsTheArguments()
+    {
+        run();
+        QCOMPARE(QApplication::arguments, QStringList({"orvane", "-mine"}));
+    }
+
+    void applicationGetsTheDefaultFlags()
+    {
+        run();
+        QCOMPARE(QApplication::flags, int{QApplication::ApplicationFlags});
+    }
+
+    void anExceptionUnwindsWhatThereIs_data()
+    {
+        QTest::addColumn<QString>("failsAt");
+        QTest::addColumn<QStringList>("unwinds");
+        const QStringList nothing;
+        const QStringList application{"application ends"};
+        const QStringList windowAndApplication{"window ends", "application ends"};
+        QTest::newRow("fails at: application; unwinds: nothing") << "application" << nothing;
+        QTest::newRow("fails at: window; unwinds: application") << "window" << application;
+        QTest::newRow("fails at: set coordinator; unwinds: window, application")
+            << "set coordinator" << windowAndApplication;
+        QTest::newRow("fails at: show; unwinds: window, application")
+            << "show" << windowAndApplication;
+        QTest::newRow("fails at: loop; unwinds: window, application")
+            << "loop" << windowAndApplication;
     }
 
     /// The coordinator is the window's from setConnect() on, and left behind before.
     void anExceptionUnwindsWhatThereIs()
     {
-        for (int steps = 2; steps <= order.size(); ++steps) {
-            Steps::all.clear();
-            Steps::failing = order.at(steps - 1);
-            QVERIFY_EXCEPTION_THROWN(run(), std::runtime_error);
-            Steps::failing.clear();
-            QCOMPARE(Steps::all, order.mid(0, steps) + ends.mid(qMax(0, 4 - steps)));
-        }
+        QFETCH(QString, failsAt);
+        QFETCH(QStringList, unwinds);
+        Steps::failing = failsAt;
+        QVERIFY_EXCEPTION_THROWN(run(), std::runtime_error);
+        const QStringList afterTheFailure = Steps::all.mid(Steps::all.indexOf(failsAt) + 1);
+        QCOMPARE(afterTheFailure, unwinds);
     }
 
 private:
@@ -40,10 +75,6 @@ private:
         std::array<char *, 3> arguments{name, argument, nullptr};
         return launcherMain(2, arguments.data());
     }
-
-    const QStringList order{
-        "coordinator", "application 2 -mine 330499", "window", "set coordinator", "show", "loop"};
-    const QStringList ends{"window ends", "application ends"};
 };
 
 QTEST_APPLESS_MAIN(EntryTest)

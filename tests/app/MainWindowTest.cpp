@@ -26,6 +26,7 @@ private slots:
         QVERIFY(deployButton != nullptr && stopButton != nullptr);
         coordinator = new Connect;
         Steps::all.clear();
+        Steps::failing.clear();
         window->setConnect(coordinator);
     }
 
@@ -33,32 +34,51 @@ private slots:
 
     void holdsItsFormThenItsCoordinator()
     {
-        std::array<const void *, 2> fields{};
-        const void *firstOfTheForm = nullptr;
+        struct
+        {
+            const void *form;
+            const void *coordinator;
+        } fields{};
         const void *behindTheBase = static_cast<QMainWindow *>(window.get()) + 1;
         std::memcpy(&fields, behindTheBase, sizeof fields);
-        std::memcpy(&firstOfTheForm, fields[0], sizeof firstOfTheForm);
+        const void *firstOfTheForm = nullptr;
+        std::memcpy(&firstOfTheForm, fields.form, sizeof firstOfTheForm);
         QCOMPARE(firstOfTheForm, window->centralWidget());
-        QCOMPARE(fields[1], coordinator);
+        QCOMPARE(fields.coordinator, coordinator);
     }
 
-    void takesItsParentAndNoFlags()
+    void takesItsParent()
     {
         QMainWindow parent;
         QCOMPARE(MainWindow(&parent).parent(), &parent);
-        QCOMPARE(MainWindow(&parent).windowFlags(), QMainWindow(&parent).windowFlags());
+    }
+
+    void hasNoFlagsOfItsOwn()
+    {
         QCOMPARE(window->windowFlags(), QMainWindow(nullptr).windowFlags());
+    }
+
+    void hasNoFlagsOfItsOwnInAParent()
+    {
+        QMainWindow parent;
+        QCOMPARE(MainWindow(&parent).windowFlags(), QMainWindow(&parent).windowFlags());
+    }
+
+    void getsAWarningForEachRequestWithoutASlot_data()
+    {
+        QTest::addColumn<QString>("signal");
+        QTest::newRow("the RPC view's") << "RpcQListView::updated";
+        QTest::newRow("one that the nginx view has not") << "NginxQListView::nginxUpdatad";
     }
 
     /// How the toolkit prints a null name depends on its version.
     void getsAWarningForEachRequestWithoutASlot()
     {
-        for (const char *rejected : {"RpcQListView::updated", "NginxQListView::nginxUpdatad"}) {
-            const QString text = "^QObject::connect: Cannot connect %1\\(\\) to "
-                                 "MainWindow::\\(null(ptr)?\\)$";
-            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(text.arg(rejected)));
-        }
-        const MainWindow second(nullptr); // without such a message the test fails
+        QFETCH(QString, signal);
+        const QRegularExpression warning("^QObject::connect: Cannot connect " + signal +
+                                         "\\(\\) to MainWindow::\\(null(ptr)?\\)$");
+        QTest::ignoreMessage(QtWarningMsg, warning); // the test fails if it does not come
+        const MainWindow second(nullptr);
     }
 
     void handsTheRpcViewOverBeforeTheNginxView()
@@ -70,40 +90,57 @@ private slots:
     void ownsTheCoordinatorBeforeItHandsTheViewsOver()
     {
         auto other = std::make_unique<MainWindow>(nullptr);
-        Steps::failing = "rpc in listView";
+        Steps::failing = "rpc in listView"; // the first of the two
         QVERIFY_EXCEPTION_THROWN(other->setConnect(new Connect), std::runtime_error);
-        Steps::failing.clear();
         other.reset();
         QCOMPARE(Steps::all.last(), "coordinator ends");
     }
 
-    void deploysNginxBeforeRpcAndStopsRpcBeforeNginx()
+    void theDeployButtonOpensNginxThenRpc()
     {
         Steps::all.clear();
         QTest::mousePress(deployButton, Qt::LeftButton);
-        QCOMPARE(Steps::all, deployed);
-        QTest::mousePress(stopButton, Qt::LeftButton);
-        QCOMPARE(Steps::all, deployed + stopped);
+        QCOMPARE(Steps::all, QStringList({"open nginx", "open rpc"}));
     }
 
-    /// The toolkit's automatic type: not at once when it comes from another thread.
+    void theStopButtonClosesRpcThenNginx()
+    {
+        Steps::all.clear();
+        QTest::mousePress(stopButton, Qt::LeftButton);
+        QCOMPARE(Steps::all, QStringList({"close rpc", "close nginx"}));
+    }
+
+    void theConnectionsAreAutomatic_data()
+    {
+        QTest::addColumn<QString>("buttonName");
+        QTest::newRow("the deploy button's") << "pushButton";
+        QTest::newRow("the stop button's") << "pushButton_2";
+    }
+
+    /// The toolkit's automatic type: a signal of another thread waits for the event loop.
     void theConnectionsAreAutomatic()
     {
+        QFETCH(QString, buttonName);
+        auto *button = window->findChild<DeployBtn *>(buttonName);
         Steps::all.clear();
-        std::thread([this] {
-            emit deployButton->clicked();
-            emit stopButton->clicked();
-        }).join();
-        QCOMPARE(Steps::all, QStringList());
+        std::thread([button] { emit button->clicked(); }).join();
+        QVERIFY2(Steps::all.isEmpty(), "the slot ran before the event loop");
         QCoreApplication::sendPostedEvents(window.get());
-        QCOMPARE(Steps::all, deployed + stopped);
+        QVERIFY2(!Steps::all.isEmpty(), "the slot did not run in the event loop");
     }
 
-    void loadingTheListsDoesNothing()
+    void loadingAListDoesNothing_data()
     {
+        QTest::addColumn<QByteArray>("slot");
+        QTest::newRow("nginx") << QByteArray("loadNginxList");
+        QTest::newRow("rpc") << QByteArray("loadRpcList");
+    }
+
+    void loadingAListDoesNothing()
+    {
+        QFETCH(QByteArray, slot);
         Steps::all.clear();
-        QVERIFY(QMetaObject::invokeMethod(window.get(), "loadNginxList"));
-        QVERIFY(QMetaObject::invokeMethod(window.get(), "loadRpcList"));
+        QVERIFY2(QMetaObject::invokeMethod(window.get(), slot), "there is no such slot");
         QCOMPARE(Steps::all, QStringList());
     }
 
@@ -130,8 +167,6 @@ private slots:
     }
 
 private:
-    const QStringList deployed{"open nginx", "open rpc"};
-    const QStringList stopped{"close rpc", "close nginx"};
     std::unique_ptr<MainWindow> window;
     Connect *coordinator = nullptr; ///< the window's own
     DeployBtn *deployButton = nullptr;
