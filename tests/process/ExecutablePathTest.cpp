@@ -68,50 +68,84 @@ private slots:
         started = QByteArray();
     }
 
-    void pathIsThatOfThisProgram()
+    void theLinkLeadsToThisProgram()
     {
-        const QString expected = QFileInfo("/proc/self/exe").canonicalFilePath();
-        started = "/nowhere";
-        QCOMPARE(path(), QFile::encodeName(expected));
-        started = QByteArray();
-        target = "";
-        QCOMPARE(QFileInfo(QFile::decodeName(path())).canonicalFilePath(), expected);
+        started = "/nowhere"; // plays no part
+        QCOMPARE(path(), QFile::encodeName(QFileInfo("/proc/self/exe").canonicalFilePath()));
     }
+
+    void withoutALinkTheStartedPathLeadsToThisProgram()
+    {
+        target = "";
+        QCOMPARE(QFileInfo(QFile::decodeName(path())).canonicalFilePath(),
+                 QFileInfo("/proc/self/exe").canonicalFilePath());
+    }
+
+    void bufferThatIsTooSmallIsRefused() { QCOMPARE(askedWith(4).result, -1); }
 
     void bufferThatIsTooSmallStaysUntouched()
     {
-        target = "/a/b";
-        QByteArray buffer("####");
-        std::uint32_t size = 4; // no room for the terminating zero
-        QCOMPARE(executablePath(buffer.data(), &size), -1);
-        QCOMPARE(buffer, QByteArray("####"));
-        QCOMPARE(size, 5U);
+        QCOMPARE(askedWith(4).buffer, QByteArray("######"));
     }
 
-    void bufferIsFilledUpToTheTerminatingZero()
+    void bufferThatIsTooSmallIsToldTheSize() { QCOMPARE(askedWith(4).size, 5U); }
+
+    void bufferThatFitsIsAccepted() { QCOMPARE(askedWith(5).result, 0); }
+
+    void bufferThatFitsIsFilledUpToTheTerminatingZero()
     {
-        target = "/a/b";
-        QByteArray buffer("######");
-        std::uint32_t size = 5;
-        QCOMPARE(executablePath(buffer.data(), &size), 0);
-        QCOMPARE(buffer, QByteArray("/a/b\0#", 6));
+        QCOMPARE(askedWith(5).buffer, QByteArray("/a/b\0#", 6));
     }
 
-    void pathsOfAnyLength()
+    void pathOfAnyLengthIsRead_data()
     {
-        for (const int length : {1, 255, 256, 257, 511, 512, 513, 5000}) {
-            target = '/' + QByteArray(length - 1, 'a');
-            QCOMPARE(path(), target);
-        }
+        QTest::addColumn<int>("bytes");
+        QTest::newRow("the root directory") << 1;
+        QTest::newRow("one byte less than the first buffer") << 255;
+        QTest::newRow("as long as the first buffer") << 256;
+        QTest::newRow("one byte more than the first buffer") << 257;
+        QTest::newRow("one byte less than the second buffer") << 511;
+        QTest::newRow("as long as the second buffer") << 512;
+        QTest::newRow("one byte more than the second buffer") << 513;
+        QTest::newRow("several buffers more") << 5000;
     }
 
-    void withoutALinkTheStartedPathCounts()
+    void pathOfAnyLengthIsRead()
+    {
+        QFETCH(int, bytes);
+        target = '/' + QByteArray(bytes - 1, 'a');
+        QCOMPARE(path(), target);
+    }
+
+    void withoutALinkAnAbsoluteStartedPathCounts()
     {
         target = "";
         started = "/usr/bin/orvane";
         QCOMPARE(path(), started);
+    }
+
+    void withoutALinkARelativeStartedPathIsMadeAbsolute()
+    {
+        target = "";
         started = "../bin/orvane";
         QCOMPARE(path(), QFile::encodeName(QDir::currentPath()) + "/../bin/orvane");
+    }
+
+private:
+    struct Answer
+    {
+        int result;
+        std::uint32_t size; ///< as it is afterwards
+        QByteArray buffer;  ///< which was "######"
+    };
+
+    /// Asks once for the path "/a/b", of 4 bytes and a terminating zero, with a buffer of @p size.
+    static Answer askedWith(std::uint32_t size)
+    {
+        target = "/a/b";
+        QByteArray buffer("######");
+        const int result = executablePath(buffer.data(), &size);
+        return {result, size, buffer};
     }
 };
 

@@ -15,13 +15,14 @@ namespace {
 struct Call
 {
     const char *buffer;
-    std::uint32_t bytes; ///< *size
-    char last;           ///< the byte behind the buffer that *size tells of
-    std::size_t room;    ///< bytes that the buffer has, at least
+    std::uint32_t size;
+    char atSize;      ///< the byte buffer[size]
+    std::size_t room; ///< bytes that the buffer has, at least
 };
 
 std::vector<Call> calls;
-QByteArray path; // what it answers
+const QByteArray usualPath = "/A/orvane.app/Contents/MacOS/orvane";
+QByteArray path = usualPath; // what it answers
 void (*whenAsked)() = nullptr;
 
 } // namespace
@@ -49,7 +50,7 @@ class InstallRootTest : public QObject
 private slots:
     void init()
     {
-        path = "/A/orvane.app/Contents/MacOS/orvane";
+        path = usualPath;
         whenAsked = nullptr;
     }
 
@@ -84,30 +85,51 @@ private slots:
     {
         QFETCH(QByteArray, directory);
         QFETCH(QByteArray, root);
-        // The file's name takes no part, nor what the kernel adds to that of a deleted program.
-        path = directory + "/orvane.app (deleted)";
-        Recorder runner;
-        QCOMPARE(runner.GetExeDir(), directory.toStdString());
-        QCOMPARE(runner.getBasePath(), root.toStdString());
+        path = directory + fileName;
+        QCOMPARE(Recorder().getBasePath(), root.toStdString());
     }
 
-    void directoryIsAskedForTwice()
+    void directoryIsWhatStandsBeforeTheFileName_data() { rootEndsAtTheBundleName_data(); }
+
+    void directoryIsWhatStandsBeforeTheFileName()
     {
-        path = "/A/orvane.app/Contents/MacOS/forty bytes"; // for which 40 bytes are made, or 56
-        Recorder runner;
-        calls.clear();
-        QCOMPARE(runner.GetExeDir(), std::string("/A/orvane.app/Contents/MacOS"));
-        QCOMPARE(calls.size(), std::size_t{2}); // both fail here, and neither answer is looked at
-        QVERIFY(calls[0].buffer == nullptr);
-        QCOMPARE(calls[0].bytes, 0U);
-        QVERIFY(calls[1].buffer != nullptr);
-        QCOMPARE(calls[1].bytes, static_cast<std::uint32_t>(path.size()));
-        QCOMPARE(calls[1].last, '\0');
-        QVERIFY(calls[1].room > calls[1].bytes);
+        QFETCH(QByteArray, directory);
+        path = directory + fileName;
+        QCOMPARE(Recorder().GetExeDir(), directory.toStdString());
     }
 
-    /// Nothing is kept from one runner to the next, and a runner keeps what it found.
-    void everyRunnerLooksOnce()
+    /// Both calls fail here.
+    void answersOfThePlatformAreNotLookedAt()
+    {
+        QCOMPARE(Recorder().GetExeDir(), std::string("/A/orvane.app/Contents/MacOS"));
+    }
+
+    void platformIsAskedTwice() { QCOMPARE(callsForTheDirectory().size(), std::size_t{2}); }
+
+    void firstCallHasNoBuffer() { QVERIFY(callsForTheDirectory().front().buffer == nullptr); }
+
+    void firstCallAsksForTheSize() { QCOMPARE(callsForTheDirectory().front().size, 0U); }
+
+    void secondCallHasABuffer() { QVERIFY(callsForTheDirectory().back().buffer != nullptr); }
+
+    void secondCallSaysTheSizeThatTheFirstGave()
+    {
+        QCOMPARE(callsForTheDirectory().back().size, static_cast<std::uint32_t>(path.size()));
+    }
+
+    void terminatingZeroStandsBehindTheSize()
+    {
+        QCOMPARE(callsForTheDirectory().back().atSize, '\0');
+    }
+
+    void bufferHasRoomForTheTerminatingZero()
+    {
+        path = "/A/orvane.app/Contents/MacOS/forty bytes"; // an allocation of 40 bytes has no more
+        const Call second = callsForTheDirectory().back();
+        QVERIFY2(second.room > second.size, "the buffer is as small as the size");
+    }
+
+    void rootStaysThroughTheLifeOfARunner()
     {
         Recorder runner;
         path = "/B/orvane.app/orvane";
@@ -115,34 +137,89 @@ private slots:
         runner.launchRequest();
         runner.deleteProgress();
         QCOMPARE(runner.getBasePath(), std::string("/A/orvane.app"));
+    }
+
+    void nextRunnerLooksAnew()
+    {
+        const Recorder first;
+        path = "/B/orvane.app/orvane";
         QCOMPARE(Recorder().getBasePath(), std::string("/B/orvane.app"));
+    }
+
+    void rootIsEmptiedWhenThereIsNoBundleAnyMore()
+    {
+        Recorder runner;
         path = "/usr/local/bin/orvane";
         runner.makeBasePath();
         QCOMPARE(runner.getBasePath(), std::string());
     }
 
-    /// In memory that is not clean, so that each value is one that the constructor gives.
+    void otherFieldsAreSetBeforeTheRoot_data()
+    {
+        QTest::addColumn<int>("actual");
+        QTest::addColumn<int>("expected");
+        const Fields fields = fieldsBeforeTheRoot();
+        QTest::newRow("running") << int{fields.running} << int{false};
+        QTest::newRow("childPid") << fields.childPid << -1;
+        QTest::newRow("readerResult") << fields.readerResult << -1;
+        QTest::newRow("launchRequested") << int{fields.launchRequested} << int{false};
+        QTest::newRow("reserved") << static_cast<int>(fields.reserved) << 0;
+        QTest::newRow("length of basePath") << static_cast<int>(fields.basePath.size()) << 0;
+    }
+
     void otherFieldsAreSetBeforeTheRoot()
     {
-        alignas(Recorder) static std::array<char, sizeof(Recorder)> memory;
-        static bool allSet = false;
-        memory.fill('\x5a');
-        whenAsked = [] {
-            const auto &runner = *reinterpret_cast<const MyProgress *>(memory.data());
-            allSet = !(runner.*(&Recorder::running)) && runner.*(&Recorder::childPid) == -1 &&
-                     runner.*(&Recorder::readerResult) == -1 &&
-                     !(runner.*(&Recorder::launchRequested)) &&
-                     runner.*(&Recorder::reserved) == 0 && (runner.*(&Recorder::basePath)).empty();
-        };
-        const auto *runner = ::new (memory.data()) Recorder;
-        QVERIFY(allSet);
-        runner->~Recorder();
+        QFETCH(int, actual);
+        QFETCH(int, expected);
+        QCOMPARE(actual, expected);
     }
 
     void exceptionLeavesTheConstructor()
     {
         whenAsked = [] { throw std::runtime_error("no path"); };
         QVERIFY_EXCEPTION_THROWN(Recorder(), std::runtime_error);
+    }
+
+private:
+    /// The name takes no part, nor what the kernel adds to that of a deleted program.
+    const QByteArray fileName = "/orvane.app (deleted)";
+
+    /// The calls that one GetExeDir() makes.
+    static std::vector<Call> callsForTheDirectory()
+    {
+        Recorder runner;
+        calls.clear();
+        runner.GetExeDir();
+        return calls;
+    }
+
+    struct Fields
+    {
+        bool running;
+        std::int32_t childPid;
+        std::int32_t readerResult;
+        bool launchRequested;
+        std::uintptr_t reserved;
+        std::string basePath;
+    };
+
+    /// The fields of a runner when its constructor looks for the root. In memory that is not clean,
+    /// so that each value is one that the constructor gives.
+    static Fields fieldsBeforeTheRoot()
+    {
+        alignas(Recorder) static std::array<char, sizeof(Recorder)> memory;
+        static Fields fields;
+        memory.fill('\x5a');
+        whenAsked = [] {
+            const auto &runner = *reinterpret_cast<const MyProgress *>(memory.data());
+            fields = {runner.*(&Recorder::running),      runner.*(&Recorder::childPid),
+                      runner.*(&Recorder::readerResult), runner.*(&Recorder::launchRequested),
+                      runner.*(&Recorder::reserved),     runner.*(&Recorder::basePath)};
+        };
+        const auto *runner = ::new (memory.data()) Recorder;
+        runner->~Recorder();
+        whenAsked = nullptr;
+        return fields;
     }
 };
 

@@ -258,14 +258,14 @@ private:
     /// Starts a command, takes its line and deletes the runner.
     static Life lifeOfARunner()
     {
-        Recorder runner;
-        runner.makeProgress("/", "echo hello");
-        runner.launchRequest();
-        const Messages &messages = runner.messages;
+        const std::unique_ptr<Recorder> runner(new Recorder); // its reader may outlive it
+        runner->makeProgress("/", "echo hello");
+        runner->launchRequest();
+        const Messages &messages = runner->messages;
         if (!eventually([&] { return messages.joined().endsWith("hello\n"); })) {
             QTest::qFail("the command's line did not come", __FILE__, __LINE__);
         }
-        return {runner.childPid, messages};
+        return {runner->childPid, messages};
     }
 
     /// What is in the pipe after the start. A failure's message goes to the test's own output
