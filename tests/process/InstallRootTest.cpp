@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <malloc.h>
+#include <memory>
 #include <new>
 #include <stdexcept>
 
@@ -131,12 +132,12 @@ private slots:
 
     void rootStaysThroughTheLifeOfARunner()
     {
-        Recorder runner;
+        const std::unique_ptr<Recorder> runner(new Recorder); // its reader may outlive it
         path = "/B/orvane.app/orvane";
-        runner.makeProgress("/bin/true", "");
-        runner.launchRequest();
-        runner.deleteProgress();
-        QCOMPARE(runner.getBasePath(), std::string("/A/orvane.app"));
+        runner->makeProgress("/bin/true", "");
+        runner->launchRequest();
+        runner->deleteProgress();
+        QCOMPARE(runner->getBasePath(), std::string("/A/orvane.app"));
     }
 
     void nextRunnerLooksAnew()

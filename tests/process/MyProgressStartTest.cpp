@@ -12,6 +12,8 @@
 #include <fcntl.h>
 #include <memory>
 
+Q_DECLARE_METATYPE(std::string)
+
 using Processes::about;
 using Processes::descriptor;
 
@@ -46,70 +48,153 @@ private slots:
 
     void missingProgramStartsNothing()
     {
-        const QTemporaryDir directory;
-        const QString path = directory.filePath("program");
-        QVERIFY(QFile::link("/nowhere", path)); // even if there is a link to it
-        const StandardOutput output;
         SystemCalls::record(runner->running);
-        runner->makeProgress(path.toStdString(), "echo started");
+        runner->makeProgress("/nowhere/at/all", "echo started");
         runner->launchRequest();
         runner->launch();
         runner.reset();
         QCOMPARE(SystemCalls::lines(), (QStringList{"access 0", "sink File not found"}));
+    }
+
+    void missingProgramIsNotPrinted()
+    {
+        const StandardOutput output;
+        runner->makeProgress("/nowhere/at/all", "echo started");
         QCOMPARE(output.text(), QByteArray());
     }
 
-    /// A text will do, since only the existence is looked at.
+    void linkThatLeadsNowhereIsAMissingProgram()
+    {
+        const QTemporaryDir directory;
+        const QString path = directory.filePath("program");
+        QVERIFY(QFile::link("/nowhere", path));
+        runner->makeProgress(path.toStdString(), "echo started");
+        QCOMPARE(runner->messages.all(), QList<QByteArray>{"File not found"});
+    }
+
+    /// A text will do, since only the existence is looked at. The reader has no attributes.
     void startTakesItsStepsInOrder()
     {
         runner->launchRequest();
-        QCOMPARE(runner->readerResult, -1);
         SystemCalls::record(runner->running);
         runner->makeProgress("/etc/passwd", sleeping);
         QCOMPARE(SystemCalls::lines(),
                  (QStringList{"access 0", "sink File found", "pipe", "fork",
                               QString("close %1 (running)").arg(runner->pipeFds[1]),
-                              "pthread_create (running)"})); // with no attributes
-        QVERIFY(pthread_equal(runner->messages.sender(), pthread_self()));
-        QCOMPARE(runner->readerResult, 0);
-        QCOMPARE(runner->launchRequested, true); // for the next start as well
+                              "pthread_create (running)"}));
     }
 
-    /// createProgress() looks at no path; and the shell's own one plays no part.
-    void commandRunsInBashWithTheLaunchersEnvironment()
+    void startCallsTheSinkOnItsOwnThread()
+    {
+        runner->makeProgress("/etc/passwd", sleeping);
+        QVERIFY2(pthread_equal(runner->messages.sender(), pthread_self()),
+                 "another thread called the sink");
+    }
+
+    void requestBeforeTheStartMakesNoReader()
+    {
+        runner->launchRequest();
+        QCOMPARE(runner->readerResult, -1);
+    }
+
+    void startAfterTheRequestMakesTheReader()
+    {
+        runner->launchRequest();
+        runner->createProgress("", sleeping);
+        QCOMPARE(runner->readerResult, 0);
+    }
+
+    void requestHoldsForTheNextStartAsWell()
+    {
+        runner->launchRequest();
+        runner->createProgress("", sleeping);
+        QCOMPARE(runner->launchRequested, true);
+    }
+
+    void commandRunsInBash()
+    {
+        startShell();
+        QCOMPARE(Processes::link(runner->childPid, "exe"), realPath("/bin/bash"));
+    }
+
+    void commandIsBashsArgument()
+    {
+        startShell();
+        QCOMPARE(about(runner->childPid, "cmdline").split('\0'),
+                 (QList<QByteArray>{"bash", "-c", shellCommand, ""}));
+    }
+
+    void commandHasTheLaunchersEnvironment()
+    {
+        QVERIFY(qputenv("OF_THE_LAUNCHER", "1"));
+        startShell();
+        QVERIFY(qunsetenv("OF_THE_LAUNCHER"));
+        const QList<QByteArray> environment = about(runner->childPid, "environ").split('\0');
+        QVERIFY2(environment.contains("OF_THE_LAUNCHER=1"), environment.join('\n'));
+    }
+
+    void shellIsNotLookedForInPath()
     {
         const QByteArray path = qgetenv("PATH");
         QVERIFY(qputenv("PATH", "/nowhere"));
-        runner->createProgress("/nowhere/at/all", "echo hello; read line");
+        runner->createProgress("", "echo hello");
         QVERIFY(qputenv("PATH", path));
-        QCOMPARE(runner->readMsg(), std::string("hello\n"));
-        QCOMPARE(about(runner->childPid, "cmdline"),
-                 QByteArray("bash\0-c\0echo hello; read line\0", 30));
-        QCOMPARE(Processes::link(runner->childPid, "exe"), realPath("/bin/bash"));
-        QVERIFY(about(runner->childPid, "environ").split('\0').contains("PATH=/nowhere"));
-        QCOMPARE(runner->messages.count(), 0);
+        QCOMPARE(wholeOutput(*runner), QByteArray("hello\n"));
     }
 
-    void emptyCommandRunsTheProgramWithoutArgumentsAndEnvironment()
+    void pathOfACommandPlaysNoPart()
     {
-        runner->makeProgress("/bin/cat", ""); // without a shell around it
-        const pid_t child = runner->childPid;
-        QVERIFY(eventually([&] { // it waits for input
-            return Processes::program(child) == "cat" && Processes::state(child) == 'S';
-        }));
-        QCOMPARE(Processes::link(child, "exe"), realPath("/bin/cat"));
-        // Linux 5.18 and newer put one empty string in the place of an empty list.
-        const QByteArray arguments = about(child, "cmdline");
-        QVERIFY2(arguments.isEmpty() || arguments == QByteArray(1, '\0'), arguments);
-        QCOMPARE(about(child, "environ"), QByteArray());
+        runner->createProgress("/nowhere/at/all", "echo hello");
+        QCOMPARE(wholeOutput(*runner), QByteArray("hello\n"));
     }
 
-    void childInheritsDirectoryInputAndGroup()
+    void createProgressCallsNoSink()
+    {
+        runner->createProgress("", sleeping);
+        QCOMPARE(runner->messages.all(), QList<QByteArray>());
+    }
+
+    void emptyCommandRunsTheProgramItself()
+    {
+        QVERIFY(startCat());
+        QCOMPARE(Processes::link(runner->childPid, "exe"), realPath("/bin/cat"));
+    }
+
+    void emptyCommandGivesNoArguments()
+    {
+        QVERIFY(startCat());
+        // Linux 5.18 and newer put one empty string in the place of an empty list.
+        const QByteArray arguments = about(runner->childPid, "cmdline");
+        QVERIFY2(arguments.isEmpty() || arguments == QByteArray(1, '\0'), arguments);
+    }
+
+    void emptyCommandGivesNoEnvironment()
+    {
+        QVERIFY(startCat());
+        QCOMPARE(about(runner->childPid, "environ"), QByteArray());
+    }
+
+    void childInheritsTheDirectory()
     {
         start();
         QCOMPARE(Processes::link(runner->childPid, "cwd"), Processes::link(getpid(), "cwd"));
+    }
+
+    void childInheritsTheInput()
+    {
+        start();
         QCOMPARE(descriptor(runner->childPid, STDIN_FILENO), descriptor(getpid(), STDIN_FILENO));
+    }
+
+    void childInheritsTheProcessGroup()
+    {
+        start();
         QCOMPARE(getpgid(runner->childPid), getpgid(0));
+    }
+
+    void childInheritsTheSession()
+    {
+        start();
         QCOMPARE(getsid(runner->childPid), getsid(0));
     }
 
@@ -119,117 +204,270 @@ private slots:
         QCOMPARE(wholeOutput(*runner), QByteArray("1\n2\n3\n4\n5\n"));
     }
 
-    /// The child holds the write end three times, the launcher the read end.
-    void eachSideKeepsItsEnd()
+    void childHoldsTheWriteEnd_data()
+    {
+        QTest::addColumn<int>("place");
+        QTest::newRow("as standard output") << STDOUT_FILENO;
+        QTest::newRow("as standard error") << STDERR_FILENO;
+        QTest::newRow("where the pipe was made") << whereThePipeWasMade;
+    }
+
+    void childHoldsTheWriteEnd()
+    {
+        QFETCH(int, place);
+        start();
+        const int fd = place == whereThePipeWasMade ? runner->pipeFds[1] : place;
+        QCOMPARE(descriptor(runner->childPid, fd), descriptor(getpid(), runner->pipeFds[0]));
+    }
+
+    void childClosesTheReadEnd()
     {
         start();
-        const pid_t child = runner->childPid;
-        const QByteArray ourPipe = descriptor(getpid(), runner->pipeFds[0]);
-        QVERIFY(ourPipe.startsWith("pipe:"));
-        QCOMPARE(descriptor(child, STDOUT_FILENO), ourPipe);
-        QCOMPARE(descriptor(child, STDERR_FILENO), ourPipe);
-        QCOMPARE(descriptor(child, runner->pipeFds[1]), ourPipe);
-        QCOMPARE(descriptor(child, runner->pipeFds[0]), QByteArray());
+        QCOMPARE(descriptor(runner->childPid, runner->pipeFds[0]), QByteArray());
+    }
+
+    void launcherHoldsTheReadEnd()
+    {
+        start();
+        const QByteArray readEnd = descriptor(getpid(), runner->pipeFds[0]);
+        QVERIFY2(readEnd.startsWith("pipe:"), readEnd);
+    }
+
+    void launcherWaitsInItsReads()
+    {
+        start();
         QCOMPARE(fcntl(runner->pipeFds[0], F_GETFL) & O_NONBLOCK, 0);
-        QCOMPARE(fcntl(runner->pipeFds[1], F_GETFD), -1);
     }
 
-    /// What an earlier start made stays as it is, and a later child carries its read end.
-    void secondStartForgetsTheFirstChild()
+    void launcherClosesTheWriteEnd()
     {
         start();
-        const pid_t firstChild = runner->childPid;
-        const int firstReadEnd = runner->pipeFds[0];
-        const QByteArray firstPipe = descriptor(getpid(), firstReadEnd);
-        start();
-        const pid_t secondChild = runner->childPid;
-        QVERIFY(secondChild != firstChild);
-        QVERIFY(runner->pipeFds[0] != firstReadEnd);
-        QCOMPARE(descriptor(secondChild, firstReadEnd), firstPipe);
+        QVERIFY2(!isOpen(runner->pipeFds[1]), "the launcher holds the write end");
+    }
 
+    void secondStartMakesANewChild()
+    {
+        const Earlier first = startTwice();
+        QVERIFY2(runner->childPid != first.child, "it is the first child still");
+        kill(first.child, SIGKILL);
+    }
+
+    void secondStartMakesANewPipe()
+    {
+        const Earlier first = startTwice();
+        QVERIFY2(runner->pipeFds[0] != first.readEnd, "it is the first pipe still");
+        kill(first.child, SIGKILL);
+    }
+
+    void secondChildCarriesTheReadEndOfTheFirst()
+    {
+        const Earlier first = startTwice();
+        QCOMPARE(descriptor(runner->childPid, first.readEnd), first.pipe);
+        kill(first.child, SIGKILL);
+    }
+
+    void deletionKillsTheSecondChild()
+    {
+        const Earlier first = startTwice();
+        const pid_t second = runner->childPid;
         runner.reset();
-        QCOMPARE(Processes::ended(secondChild).si_status, SIGKILL);
-        QVERIFY(Processes::isAlive(firstChild));
-        QCOMPARE(descriptor(getpid(), firstReadEnd), firstPipe);
-        kill(firstChild, SIGKILL);
+        QCOMPARE(Processes::ended(second).si_status, SIGKILL);
+        kill(first.child, SIGKILL);
     }
 
-    void launchRequestWithoutARunningChildStartsNothing()
+    void deletionLeavesTheFirstChildAlive()
     {
+        const Earlier first = startTwice();
+        const pid_t second = runner->childPid;
+        runner.reset();
+        Processes::ended(second);
+        QVERIFY2(Processes::isAlive(first.child), "the first child was killed as well");
+        kill(first.child, SIGKILL);
+    }
+
+    void deletionLeavesTheFirstReadEndOpen()
+    {
+        const Earlier first = startTwice();
+        runner.reset();
+        QCOMPARE(descriptor(getpid(), first.readEnd), first.pipe);
+        kill(first.child, SIGKILL);
+    }
+
+    void requestMakesNoReader_data()
+    {
+        QTest::addColumn<bool>("running");
+        QTest::addColumn<int>("childPid");
+        QTest::newRow("not running") << false << int{FedRecorder::noProcess};
+        QTest::newRow("without a child") << true << -1;
+        QTest::newRow("in the child") << true << 0;
+    }
+
+    void requestMakesNoReader()
+    {
+        QFETCH(bool, running);
+        QFETCH(int, childPid);
         FedRecorder fed;
-        fed.setStatus(false);
+        fed.running = running;
+        fed.childPid = childPid;
         fed.launchRequest();
+        fed.running = false;
         QCOMPARE(fed.readerResult, -1);
-        fed.setStatus(true);
-        for (const int pid : {-1, 0}) {
-            fed.childPid = pid;
-            fed.launchRequest();
-            fed.launch();
-            QCOMPARE(fed.readerResult, -1);
-        }
-        fed.setStatus(false);
+    }
+
+    void launchMakesNoReader_data()
+    {
+        QTest::addColumn<int>("childPid");
+        QTest::newRow("without a child") << -1;
+        QTest::newRow("in the child") << 0;
+    }
+
+    void launchMakesNoReader()
+    {
+        QFETCH(int, childPid);
+        FedRecorder fed;
+        fed.childPid = childPid;
+        fed.launch();
+        fed.running = false;
+        QCOMPARE(fed.readerResult, -1);
     }
 
     void launchNeedsOnlyAChild()
     {
         FedRecorder fed;
-        fed.setStatus(false);
+        fed.running = false;
         fed.launch();
         QCOMPARE(fed.readerResult, 0);
-        QCOMPARE(fed.launchRequested, false);
-        QCOMPARE(endOf(fed.readerThread), static_cast<void *>(&fed)); // as nothing is running
+        endOf(fed.readerThread); // which finds nothing running
     }
 
-    void createPipeSaysHowItWent()
+    void launchIsNoRequest()
+    {
+        FedRecorder fed;
+        fed.running = false;
+        fed.launch();
+        QCOMPARE(fed.launchRequested, false);
+        endOf(fed.readerThread);
+    }
+
+    void createPipeReturnsTrue() { QCOMPARE(runner->createPipe(), true); }
+
+    void createPipeIsPrinted()
     {
         const StandardOutput output;
-        QCOMPARE(runner->createPipe(), true);
+        runner->createPipe();
+        QCOMPARE(output.text(), QByteArray("Pipe ready\n"));
+    }
+
+    void createPipeThatFailsReturnsFalse()
+    {
         failNext("pipe", EMFILE);
         QCOMPARE(runner->createPipe(), false);
-        QCOMPARE(output.text(), QByteArray("Pipe ready\nPipe created fail\n"));
     }
 
-    void failedPipeIsSaidAndStartsNothing()
+    void createPipeThatFailsIsPrinted()
     {
         const StandardOutput output;
-        runner->setStatus(true);
         failNext("pipe", EMFILE);
-        runner->createProgress("/bin/true", "");
-        runner.reset();
-        QCOMPARE(SystemCalls::lines(), QStringList{"pipe"}); // not running by then
+        runner->createPipe();
         QCOMPARE(output.text(), QByteArray("Pipe created fail\n"));
     }
 
-    void failedForkIsNotSaidAndLeavesThePipeOpen()
+    void failedPipeStartsNothing()
     {
-        start();
-        const pid_t earlierChild = runner->childPid;
+        runner->setStatus(true); // until the start
+        failNext("pipe", EMFILE);
+        runner->createProgress("/bin/true", "");
+        runner.reset();
+        QCOMPARE(SystemCalls::lines(), QStringList{"pipe"});
+    }
+
+    void failedPipeIsPrinted()
+    {
         const StandardOutput output;
+        failNext("pipe", EMFILE);
+        runner->createProgress("/bin/true", "");
+        QCOMPARE(output.text(), QByteArray("Pipe created fail\n"));
+    }
+
+    void failedForkStartsNothing()
+    {
         failNext("fork", EAGAIN);
         runner->createProgress("", sleeping);
-        QCOMPARE(runner->childPid, -1);
-        const auto [readEnd, writeEnd] = runner->pipeFds;
         runner->launchRequest();
         runner->launch();
         runner.reset();
         QCOMPARE(SystemCalls::lines(), (QStringList{"pipe", "fork"}));
+    }
+
+    void failedForkIsNotPrinted()
+    {
+        const StandardOutput output;
+        failNext("fork", EAGAIN);
+        runner->createProgress("", sleeping);
         QCOMPARE(output.text(), QByteArray("Pipe ready\n"));
-        QVERIFY(fcntl(readEnd, F_GETFD) != -1);
-        QVERIFY(fcntl(writeEnd, F_GETFD) != -1);
+    }
+
+    void failedForkLeavesThePipeOpen()
+    {
+        failNext("fork", EAGAIN);
+        runner->createProgress("", sleeping);
+        const auto [readEnd, writeEnd] = runner->pipeFds;
+        runner.reset();
+        QVERIFY2(isOpen(readEnd) && isOpen(writeEnd), "an end of the pipe was closed");
+    }
+
+    void failedForkForgetsTheEarlierChild()
+    {
+        start();
+        const pid_t earlierChild = runner->childPid;
+        failNext("fork", EAGAIN);
+        runner->createProgress("", sleeping);
+        QCOMPARE(runner->childPid, -1);
         kill(earlierChild, SIGKILL);
     }
 
-    void failedReaderIsNotSaidAndLeavesTheOutputUnread()
+    void failedForkEndsTheStatusOfTheEarlierChild()
     {
-        runner->createProgress("", "echo hello");
-        const QString kill = killOf(runner->childPid);
+        start();
+        const pid_t earlierChild = runner->childPid;
+        failNext("fork", EAGAIN);
+        runner->createProgress("", sleeping);
+        QCOMPARE(runner->getStatus(), false);
+        kill(earlierChild, SIGKILL);
+    }
+
+    void failedReaderIsNotPrinted()
+    {
+        runner->createProgress("", sleeping);
         const StandardOutput output;
         failNext("pthread_create", EAGAIN);
         runner->launchRequest();
         QCOMPARE(output.text(), QByteArray());
+    }
+
+    void failedReaderLeavesItsErrorCode()
+    {
+        runner->createProgress("", sleeping);
+        failNext("pthread_create", EAGAIN);
+        runner->launchRequest();
         QCOMPARE(runner->readerResult, EAGAIN);
+    }
+
+    void failedReaderLeavesTheOutputUnread()
+    {
+        runner->createProgress("", "echo hello");
+        failNext("pthread_create", EAGAIN);
+        runner->launchRequest();
         QCOMPARE(runner->readMsg(), std::string("hello\n"));
-        QCOMPARE(callsOfDeletion(runner), QStringList{kill}); // there is nothing to cancel
+    }
+
+    void failedReaderIsNotCancelled()
+    {
+        runner->createProgress("", sleeping);
+        const QString kill = killOf(runner->childPid);
+        failNext("pthread_create", EAGAIN);
+        runner->launchRequest();
+        QCOMPARE(callsOfDeletion(runner), QStringList{kill});
     }
 
     void failedSecondReaderLeavesTheFirst()
@@ -239,48 +477,122 @@ private slots:
         const pthread_t first = runner->readerThread;
         failNext("pthread_create", EAGAIN);
         runner->launchRequest();
-        QCOMPARE(runner->readerResult, EAGAIN);
-        QVERIFY(pthread_equal(runner->readerThread, first));
+        QVERIFY2(pthread_equal(runner->readerThread, first), "the first reader is forgotten");
     }
 
-    void childThatCannotBecomeItsProgramEnds_data()
+    // What such a child writes is held by MyProgressOutputTest.
+    void childThatFailsEndsWithStatus0_data() { addFailures(); }
+
+    void childThatFailsEndsWithStatus0()
     {
-        QTest::addColumn<QByteArray>("command");
-        QTest::addColumn<QByteArray>("lastLine");
-        QTest::newRow("no program inside")
-            << QByteArray() << QByteArray("child progress loaded fail\n");
-        // Longer than the kernel lets one argument be (MAX_ARG_STRLEN).
-        QTest::newRow("no shell") << "echo started" + QByteArray(128 * 1024, ' ')
-                                  << QByteArray("Child progress loaded fail\n");
+        startFailing();
+        const siginfo_t end = Processes::ended(runner->childPid);
+        QCOMPARE(end.si_code, static_cast<int>(CLD_EXITED));
+        QCOMPARE(end.si_status, 0);
     }
 
-    /// The child wrote the line and ended well, and the runner knows nothing of it.
-    void childThatCannotBecomeItsProgramEnds()
+    void childThatFailsCountsAsRunning_data() { addFailures(); }
+
+    void childThatFailsCountsAsRunning()
     {
-        QFETCH(QByteArray, command);
-        QFETCH(QByteArray, lastLine);
+        startFailing();
+        Processes::ended(runner->childPid);
+        QCOMPARE(runner->getStatus(), true);
+    }
+
+    void childThatFailsIsKilledAllTheSame_data() { addFailures(); }
+
+    void childThatFailsIsKilledAllTheSame()
+    {
+        startFailing();
+        const pid_t child = runner->childPid;
+        Processes::ended(child);
+        QCOMPARE(callsOfDeletion(runner), QStringList{killOf(child)});
+    }
+
+    void childThatFailsIsNotWaitedFor_data() { addFailures(); }
+
+    void childThatFailsIsNotWaitedFor()
+    {
+        startFailing();
+        const pid_t child = runner->childPid;
+        Processes::ended(child);
+        runner.reset();
+        QCOMPARE(Processes::state(child), 'Z');
+    }
+
+    /// No shell takes it for a script of its own.
+    void executableTextIsNotRun()
+    {
         const QTemporaryDir directory;
         QFile text(directory.filePath("text"));
         QVERIFY(text.open(QIODevice::WriteOnly) && text.write("echo started\n") > 0);
         text.close();
         QVERIFY(text.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
-        runner->createProgress(text.fileName().toStdString(), command.toStdString());
-        const pid_t child = runner->childPid;
-        const siginfo_t end = Processes::ended(child);
-        QCOMPARE(end.si_code, static_cast<int>(CLD_EXITED));
-        QCOMPARE(end.si_status, 0);
-        QVERIFY(wholeOutput(*runner).endsWith("Child progress ready\n" + lastLine));
-        QCOMPARE(runner->getStatus(), true);
-        QCOMPARE(callsOfDeletion(runner), QStringList{killOf(child)});
-        QCOMPARE(Processes::state(child), 'Z');
+        runner->createProgress(text.fileName().toStdString(), "");
+        const QByteArray output = wholeOutput(*runner);
+        QVERIFY2(output.endsWith("child progress loaded fail\n"), output);
     }
 
 private:
+    static constexpr int whereThePipeWasMade = -1;
+    const QByteArray shellCommand = "echo ready; read line"; // from an input that never ends
+
     void start()
     {
         runner->createProgress("", sleeping);
         QVERIFY(eventually([&] { return Processes::program(runner->childPid) == "tail"; }));
     }
+
+    /// Starts a shell that stays.
+    void startShell()
+    {
+        runner->createProgress("", shellCommand.toStdString());
+        QCOMPARE(runner->readMsg(), std::string("ready\n"));
+    }
+
+    /// Starts cat(1) directly and returns whether it came to wait for input.
+    bool startCat()
+    {
+        runner->createProgress("/bin/cat", "");
+        return eventually([&] {
+            return Processes::program(runner->childPid) == "cat" &&
+                   Processes::state(runner->childPid) == 'S';
+        });
+    }
+
+    /// What the first of two starts has made.
+    struct Earlier
+    {
+        pid_t child;
+        int readEnd;
+        QByteArray pipe;
+    };
+
+    Earlier startTwice()
+    {
+        start();
+        const int readEnd = runner->pipeFds[0];
+        const Earlier first{runner->childPid, readEnd, descriptor(getpid(), readEnd)};
+        start();
+        return first;
+    }
+
+    static void addFailures()
+    {
+        QTest::addColumn<std::string>("command");
+        QTest::newRow("no program") << std::string();
+        // Longer than the kernel lets one argument be (MAX_ARG_STRLEN).
+        QTest::newRow("no shell") << std::string(std::size_t{128} * 1024, ' ');
+    }
+
+    void startFailing()
+    {
+        QFETCH(std::string, command);
+        runner->createProgress("/etc/passwd", command);
+    }
+
+    static bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
     void failNext(const char *name, int error)
     {
