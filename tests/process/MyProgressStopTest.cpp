@@ -28,61 +28,139 @@ private slots:
 
     void stopTakesItsStepsInOrder()
     {
-        runner->createProgress("", sleeping);
-        runner->launchRequest();
-        SystemCalls::record(runner->running);
-        QCOMPARE(runner->deleteProgress(), true);
+        start();
+        SystemCalls::record(runner->running); // no line is marked as one that comes while running
+        runner->deleteProgress();
         QStringList lines = SystemCalls::lines();
         lines.removeAll("sink "); // of the reader, which may see the child's end first
         QCOMPARE(lines, (QStringList{killOf(runner->childPid), "pthread_cancel",
                                      "sink Progress stopped"}));
-        QCOMPARE(runner->getStatus(), false);
-        QCOMPARE(runner->launchRequested, true);
-        QVERIFY(pthread_equal(runner->messages.sender(), pthread_self()));
-        QCOMPARE(callsOfDeletion(runner), QStringList()); // none of them twice
     }
 
-    /// The message goes to the base sink then, see MyProgressOutputTest. The reader is neither
-    /// joined nor detached, the child never reaped, the read end never closed.
-    void destructorStopsARunningRunner()
+    void stopReturnsTrue()
     {
-        runner->createProgress("", sleeping);
-        runner->launchRequest();
+        start();
+        QCOMPARE(runner->deleteProgress(), true);
+    }
+
+    void stopEndsTheStatus()
+    {
+        start();
+        runner->deleteProgress();
+        QCOMPARE(runner->getStatus(), false);
+    }
+
+    void stopLeavesTheRequest()
+    {
+        start();
+        runner->deleteProgress();
+        QCOMPARE(runner->launchRequested, true);
+    }
+
+    void stopCallsTheSinkOnItsOwnThread()
+    {
+        struct Listening : Recorder
+        {
+            void insertMsg(std::string msg) override
+            {
+                if (msg == "Progress stopped") {
+                    onTheTestsThread = pthread_equal(testsThread, pthread_self()) != 0;
+                }
+            }
+            pthread_t testsThread = pthread_self();
+            std::atomic<bool> onTheTestsThread{false};
+        };
+        const std::unique_ptr<Listening> listening(new Listening);
+        listening->createProgress("", sleeping);
+        listening->launchRequest();
+        listening->deleteProgress();
+        QVERIFY2(listening->onTheTestsThread, "no message, or one of another thread");
+    }
+
+    void deletionAfterAStopTakesNoStepAgain()
+    {
+        start();
+        runner->deleteProgress();
+        QCOMPARE(callsOfDeletion(runner), QStringList());
+    }
+
+    /// The message goes to the base sink then, see MyProgressOutputTest.
+    void destructorTakesTheStepsOfAStop()
+    {
+        start();
         const pid_t child = runner->childPid;
-        const pthread_t reader = runner->readerThread;
-        const int readEnd = runner->pipeFds[0];
         QCOMPARE(callsOfDeletion(runner), (QStringList{killOf(child), "pthread_cancel"}));
+    }
+
+    void destructorKillsTheChild()
+    {
+        start();
+        const pid_t child = runner->childPid;
+        runner.reset();
         const siginfo_t end = Processes::ended(child);
         QCOMPARE(end.si_code, static_cast<int>(CLD_KILLED));
         QCOMPARE(end.si_status, SIGKILL);
+    }
+
+    void destructorDoesNotReapTheChild()
+    {
+        start();
+        const pid_t child = runner->childPid;
+        runner.reset();
+        Processes::ended(child);
         QCOMPARE(Processes::state(child), 'Z');
-        QVERIFY(endOf(reader) != nullptr); // a detached or joined thread cannot be joined
-        QVERIFY(Processes::descriptor(getpid(), readEnd).startsWith("pipe:"));
+    }
+
+    void destructorNeitherJoinsNorDetachesTheReader()
+    {
+        start();
+        const pthread_t reader = runner->readerThread;
+        runner.reset();
+        QVERIFY2(endOf(reader) != nullptr, "the reader can no longer be joined");
+    }
+
+    void destructorLeavesTheReadEndOpen()
+    {
+        start();
+        const int readEnd = runner->pipeFds[0];
+        runner.reset();
+        const QByteArray target = Processes::descriptor(getpid(), readEnd);
+        QVERIFY2(target.startsWith("pipe:"), target);
+    }
+
+    void childPidIsSignalledAsItStands_data()
+    {
+        QTest::addColumn<int>("childPid");
+        // Shows that the signals of the code under test come by SystemCalls.cpp, which hands on
+        // none to every process or to the group.
+        QTest::newRow("no process has it") << int{FedRecorder::noProcess};
+        QTest::newRow("every process") << -1;
+        QTest::newRow("the group") << 0;
     }
 
     void childPidIsSignalledAsItStands()
     {
-        // The first shows that the signals of the code under test come by SystemCalls.cpp, which
-        // hands on none to every process or to the group.
-        for (const int pid : {FedRecorder::noProcess, -1, 0}) {
-            runner->childPid = pid;
-            SystemCalls::record(runner->running);
-            runner->deleteProgress();
-            QCOMPARE(SystemCalls::lines(), (QStringList{killOf(pid), "sink Progress stopped"}));
-        }
+        QFETCH(int, childPid);
+        runner->childPid = childPid;
+        SystemCalls::record(runner->running);
+        runner->deleteProgress();
+        QCOMPARE(SystemCalls::lines(), (QStringList{killOf(childPid), "sink Progress stopped"}));
     }
 
-    void onlyTheProcessIsSignalled()
+    void childOfTheChildSurvives()
     {
         std::array<int, 2> input{};
         QVERIFY(pipe(input.data()) == 0);
-        QVERIFY(dup2(input[0], STDIN_FILENO) == STDIN_FILENO);
+        const auto [readEnd, writeEnd] = input;
+        QVERIFY(dup2(readEnd, STDIN_FILENO) == STDIN_FILENO);
         runner->createProgress("", "(echo ready; read line; echo \"$line\") <&0 & wait");
-        QCOMPARE(runner->readMsg(), std::string("ready\n")); // from the grandchild
+        QCOMPARE(runner->readMsg(), std::string("ready\n")); // from the child's child
         runner->deleteProgress();
         QCOMPARE(Processes::ended(runner->childPid).si_status, SIGKILL);
-        QVERIFY(write(input[1], "still there?\n", 13) == 13);
-        QCOMPARE(runner->readMsg(), std::string("still there?\n"));
+        const QByteArray question = "still there?\n";
+        QCOMPARE(write(writeEnd, question.constData(), std::size_t(question.size())),
+                 ssize_t{question.size()});
+        QCOMPARE(runner->readMsg(), question.toStdString());
     }
 
     void readerBlockedInTheReadIsCancelled()
@@ -94,44 +172,43 @@ private slots:
         QCOMPARE(endOf(fed.readerThread), PTHREAD_CANCELED);
     }
 
-    void onlyTheLastReaderIsCancelled()
+    void ofTwoReadersTheLastIsCancelled()
     {
         FedRecorder fed;
-        fed.launchRequest();
-        const pthread_t first = fed.readerThread;
-        fed.launchRequest();
-        QVERIFY(eventually([&] { return SystemCalls::readersOf(fed.pipeFds[0]) == 2; }));
-        fed.deleteProgress();
-        QCOMPARE(endOf(fed.readerThread), PTHREAD_CANCELED);
-        fed.endOfFile(); // wakes the first, which finds that it is to stop
-        QCOMPARE(endOf(first), static_cast<void *>(&fed));
+        const Ends ends = stopTwoReaders(fed);
+        QCOMPARE(ends.ofTheLast, PTHREAD_CANCELED);
     }
 
-    void sinkInProgressIsNotCutOff()
+    void ofTwoReadersTheFirstIsNotCancelled()
     {
-        struct Slow : FedRecorder
-        {
-            void insertMsg(std::string msg) override
-            {
-                entered = true;
-                while (!mayGoOn && msg != "Progress stopped") {
-                    sleepShortly(); // where even a deferred cancellation would come in
-                }
-                ++finished;
-            }
-            std::atomic<bool> entered{false};
-            std::atomic<bool> mayGoOn{false};
-            std::atomic<int> finished{0};
-        };
-        Slow slow;
+        FedRecorder fed;
+        const Ends ends = stopTwoReaders(fed);
+        QCOMPARE(ends.ofTheFirst, static_cast<void *>(&fed));
+    }
+
+    void stopDoesNotWaitForTheReadersSink()
+    {
+        SlowSink slow;
         slow.feed("hello");
         slow.launch();
         QVERIFY(eventually([&] { return slow.entered.load(); }));
         slow.deleteProgress();
-        QCOMPARE(slow.finished.load(), 1); // it does not wait for the reader's sink
+        const bool waited = slow.finished;
         slow.mayGoOn = true;
         endOf(slow.readerThread);
-        QCOMPARE(slow.finished.load(), 2);
+        QVERIFY2(!waited, "the reader's sink has finished before the stop");
+    }
+
+    void sinkInProgressIsNotCutOff()
+    {
+        SlowSink slow;
+        slow.feed("hello");
+        slow.launch();
+        QVERIFY(eventually([&] { return slow.entered.load(); }));
+        slow.deleteProgress();
+        slow.mayGoOn = true;
+        endOf(slow.readerThread);
+        QVERIFY2(slow.finished, "the sink did not come to its end");
     }
 
     /// In glibc a cancellation comes as a signal. Here it is held back until the reader waits for
@@ -145,9 +222,9 @@ private slots:
             {
                 if (++begun == 1) {
                     // Not by the C library, which lets nobody block its own signals.
-                    const std::uint64_t cancellation = 1U << 31U; // signal 32
-                    syscall(SYS_rt_sigprocmask, SIG_BLOCK, &cancellation, nullptr,
-                            sizeof cancellation);
+                    constexpr unsigned cancellationSignal = 32;
+                    const std::uint64_t blocked = std::uint64_t{1} << (cancellationSignal - 1);
+                    syscall(SYS_rt_sigprocmask, SIG_BLOCK, &blocked, nullptr, sizeof blocked);
                 } else {
                     poll(nullptr, 0, 0); // takes what is held back, as any wait in a sink would
                 }
@@ -161,9 +238,9 @@ private slots:
             [&] { return held.begun == 1 && SystemCalls::readersOf(held.pipeFds[0]) == 1; }));
         pthread_cancel(held.readerThread);
         held.feed("second");
-        QCOMPARE(endOf(held.readerThread), PTHREAD_CANCELED);
-        QCOMPARE(held.begun.load(), 1);
+        endOf(held.readerThread);
         held.setStatus(false);
+        QCOMPARE(held.begun.load(), 1); // not with "second"
     }
 
     /// A reader that is cancelled inside the lazy binding of a call leaves the loader locked.
@@ -173,7 +250,7 @@ private slots:
         for (const ElfW(Dyn) *entry = _DYNAMIC; entry->d_tag != DT_NULL; ++entry) {
             now = now || (entry->d_tag == DT_FLAGS && (entry->d_un.d_val & DF_BIND_NOW) != 0);
         }
-        QVERIFY(now);
+        QVERIFY2(now, "this program was linked without -z now");
     }
 
     void exceptionOutOfTheStopEndsTheProcess()
@@ -192,6 +269,56 @@ private slots:
     }
 
 private:
+    /// A sink that the test holds up, unless it is called by the stop.
+    struct SlowSink : FedRecorder
+    {
+        void insertMsg(std::string msg) override
+        {
+            if (msg == "Progress stopped") {
+                return;
+            }
+            entered = true;
+            while (!mayGoOn) {
+                sleepShortly(); // where even a deferred cancellation would come in
+            }
+            finished = true;
+        }
+        std::atomic<bool> entered{false};
+        std::atomic<bool> mayGoOn{false};
+        std::atomic<bool> finished{false};
+    };
+
+    /// What the threads of two readers ended with.
+    struct Ends
+    {
+        void *ofTheFirst;
+        void *ofTheLast;
+    };
+
+    /// Starts two readers, stops their runner, and ends the first, if it reads still, by the end of
+    /// the file.
+    static Ends stopTwoReaders(FedRecorder &fed)
+    {
+        fed.launchRequest();
+        const pthread_t first = fed.readerThread;
+        fed.launchRequest();
+        const bool bothRead =
+            eventually([&] { return SystemCalls::readersOf(fed.pipeFds[0]) == 2; });
+        if (!bothRead) {
+            QTest::qFail("two readers did not come to read", __FILE__, __LINE__);
+        }
+        fed.deleteProgress();
+        void *const ofTheLast = endOf(fed.readerThread);
+        fed.endOfFile();
+        return {endOf(first), ofTheLast};
+    }
+
+    void start()
+    {
+        runner->createProgress("", sleeping);
+        runner->launchRequest();
+    }
+
     std::unique_ptr<Noting> runner;
 };
 
