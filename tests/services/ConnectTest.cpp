@@ -45,97 +45,165 @@ private slots:
         removeAll();
     }
 
-    void viewsAreOnlyRecordedWhileThereIsNoController()
-    {
-        QCOMPARE(connect->nginx, nullptr);
-        QCOMPARE(connect->rpc, nullptr);
-    }
+    void aViewStartsNoNginxByItself() { QCOMPARE(connect->nginx, nullptr); }
+
+    void aViewStartsNoRpcServerByItself() { QCOMPARE(connect->rpc, nullptr); }
 
     /// It shows the rows of both starts.
-    void aViewThatComesLaterStartsTheControllerAgain()
+    void aViewThatComesLaterStartsNginxAgain()
     {
         connect = std::make_unique<OpenConnect>(); // without views
         connect->openNginx();
-        connect->openRpc();
         setViews();
         QCOMPARE(nginxView->rows(), missing(nginx) + missing(nginx));
+    }
+
+    void aViewThatComesLaterStartsTheRpcServerAgain()
+    {
+        connect = std::make_unique<OpenConnect>();
+        connect->openRpc();
+        setViews();
         QCOMPARE(rpcView->rows(), missing(rpcServer) + missing(rpcServer));
     }
+
+    void openingNginxReturnsTrue() { QCOMPARE(connect->openNginx(), true); }
+
+    void openingTheRpcServerReturnsTrue() { QCOMPARE(connect->openRpc(), true); }
 
     void aRedeployStopsEachServiceBeforeItStartsItAgain()
     {
         deploy();
-        const QString oldNginx = killOf(*connect->nginx);
-        const QString oldRpc = killOf(*connect->rpc);
+        const QStringList nginxStop = stopOfNginx();
+        const QStringList rpcStop = stopOfTheRpcServer();
         nginxView->atModel = [] { SystemCalls::note("nginx row"); };
         rpcView->atModel = [] { SystemCalls::note("rpc row"); };
         deploy();
         QCOMPARE(SystemCalls::lines(),
-                 QStringList({stopCommand(), "nginx stops", oldNginx, "nginx row", "nginx row",
-                              "nginx starts", oldRpc, "rpc row", "rpc row", "rpcServer starts"}));
+                 nginxStop + QStringList({"nginx row", "nginx row", "nginx starts"}) + rpcStop +
+                     QStringList({"rpc row", "rpc row", "rpcServer starts"}));
+    }
+
+    void aRedeployBeginsTheNginxListAnew()
+    {
+        deploy();
+        deploy();
         QCOMPARE(nginxView->rows(), started(nginx));
+    }
+
+    void aRedeployBeginsTheRpcListAnew()
+    {
+        deploy();
+        deploy();
         QCOMPARE(rpcView->rows(), started(rpcServer));
     }
 
-    void closingStopsDeletesAndForgetsAController()
+    void closingTheRpcServerKillsIt()
     {
         deploy();
-        const QString rpcKill = killOf(*connect->rpc);
-        const QStringList nginxStop{stopCommand(), "nginx stops", killOf(*connect->nginx)};
+        const QStringList stop = stopOfTheRpcServer();
         SystemCalls::recordStops();
-        QVERIFY(connect->closeRpc());
+        connect->closeRpc();
+        QCOMPARE(SystemCalls::lines(), stop);
+    }
+
+    void closingNginxRunsItsStopCommandThenKillsIt()
+    {
+        deploy();
+        const QStringList stop = stopOfNginx();
+        SystemCalls::recordStops();
+        connect->closeNginx();
+        QCOMPARE(SystemCalls::lines(), stop);
+    }
+
+    void closingTheRpcServerForgetsIt()
+    {
+        connect->openRpc();
+        connect->closeRpc();
         QCOMPARE(connect->rpc, nullptr);
-        QCOMPARE(SystemCalls::lines(), QStringList(rpcKill));
-        QVERIFY(connect->closeRpc()); // harmless without one
-        QVERIFY(connect->closeNginx());
+    }
+
+    void closingNginxForgetsIt()
+    {
+        connect->openNginx();
+        connect->closeNginx();
         QCOMPARE(connect->nginx, nullptr);
-        QCOMPARE(SystemCalls::lines(), QStringList(rpcKill) + nginxStop);
-        deploy(); // in the same views
-        QCOMPARE(nginxView->count() + rpcView->count(), std::size_t{8});
+    }
+
+    void closingTheRpcServerReturnsTrue()
+    {
+        connect->openRpc();
+        QCOMPARE(connect->closeRpc(), true);
+    }
+
+    void closingNginxReturnsTrue()
+    {
+        connect->openNginx();
+        QCOMPARE(connect->closeNginx(), true);
+    }
+
+    void closingTheRpcServerWithoutOneReturnsTrue() { QCOMPARE(connect->closeRpc(), true); }
+
+    void aDeployAfterAStopBeginsTheListsAnew()
+    {
+        deploy();
+        connect->closeRpc();
+        connect->closeNginx();
+        deploy();
         QCOMPARE(nginxView->rows() + rpcView->rows(), started(nginx) + started(rpcServer));
     }
 
-    /// A stop while nothing is deployed: the RPC half returns, then the process dies on the spot.
     void closingNginxWithoutOneIsAnInvalidMemoryAccess()
     {
-        const QString end = runApart([&] {
-            SystemCalls::note(connect->closeRpc() ? "closed rpc" : "closeRpc failed");
-            connect->closeNginx();
-            SystemCalls::note("survived");
-        });
-        QCOMPARE(SystemCalls::lines(true), QStringList("child closed rpc"));
+        const QString end = runApart([&] { connect->closeNginx(); });
         QCOMPARE(end, QString("signal %1").arg(SIGSEGV));
     }
 
-    void theDestructionStopsRpcThenNginx_data()
+    /// A stop while nothing is deployed does the RPC half, then dies on the spot.
+    void aStopWithoutADeployEndsWithinTheClosingOfNginx()
     {
-        QTest::addColumn<bool>("withRpc");
-        QTest::addColumn<bool>("withNginx");
-        QTest::newRow("both") << true << true;
-        QTest::newRow("nginx alone") << false << true;
-        QTest::newRow("rpc alone") << true << false;
-        QTest::newRow("none") << false << false;
+        runApart([&] {
+            connect->closeRpc();
+            SystemCalls::note("closed rpc");
+            connect->closeNginx();
+            SystemCalls::note("closed nginx");
+        });
+        QCOMPARE(SystemCalls::lines(true), QStringList("child closed rpc"));
     }
 
     void theDestructionStopsRpcThenNginx()
     {
-        QFETCH(bool, withRpc);
-        QFETCH(bool, withNginx);
         deploy();
-        QStringList stops;
-        if (withRpc) {
-            stops << killOf(*connect->rpc);
-        } else {
-            connect->closeRpc();
-        }
-        if (withNginx) {
-            stops << stopCommand() << "nginx stops" << killOf(*connect->nginx);
-        } else {
-            connect->closeNginx();
-        }
+        const QStringList stops = stopOfTheRpcServer() + stopOfNginx();
         SystemCalls::recordStops();
         connect.reset();
         QCOMPARE(SystemCalls::lines(), stops);
+    }
+
+    void theDestructionStopsNginxAlone()
+    {
+        deploy();
+        connect->closeRpc();
+        const QStringList stops = stopOfNginx();
+        SystemCalls::recordStops();
+        connect.reset();
+        QCOMPARE(SystemCalls::lines(), stops);
+    }
+
+    void theDestructionStopsTheRpcServerAlone()
+    {
+        deploy();
+        connect->closeNginx();
+        const QStringList stops = stopOfTheRpcServer();
+        SystemCalls::recordStops();
+        connect.reset();
+        QCOMPARE(SystemCalls::lines(), stops);
+    }
+
+    void theDestructionWithoutADeployStopsNothing()
+    {
+        SystemCalls::recordStops();
+        connect.reset();
+        QCOMPARE(SystemCalls::lines(), QStringList());
     }
 
     /// The stop command is made to throw. Nobody may catch that: the process ends.
@@ -153,6 +221,13 @@ private slots:
     }
 
 private:
+    /// What the log tells of the stop of the service that runs now.
+    QStringList stopOfNginx() const
+    {
+        return {stopCommand(), "nginx stops", killOf(*connect->nginx)};
+    }
+    QStringList stopOfTheRpcServer() const { return {killOf(*connect->rpc)}; }
+
     void setViews()
     {
         connect->setRpcUi(rpcView.get());

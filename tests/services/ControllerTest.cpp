@@ -7,22 +7,45 @@
 #include "ui/NginxQListView.h"
 #include "ui/RpcQListView.h"
 
+#include <QRegularExpression>
 #include <QScrollBar>
 
 #include <atomic>
 #include <memory>
-#include <tuple>
+#include <type_traits>
 
 using namespace Services;
 
 namespace {
 
+/// Where the two controllers differ.
+template <typename>
+struct Differences;
+
+template <>
+struct Differences<Nginx>
+{
+    using View = NginxQListView;
+    static constexpr auto updated = &NginxQListView::nginxUpdated;
+    static constexpr int signalsOfARow = 1;
+    inline static const QString &program = nginx;
+};
+
+template <>
+struct Differences<RpcServer>
+{
+    using View = RpcQListView;
+    static constexpr auto updated = &RpcQListView::updated;
+    static constexpr int signalsOfARow = 0; // it asks for a repaint in place of it
+    inline static const QString &program = rpcServer;
+};
+
 // CONTROLLER is the class that this is built for.
 constexpr bool isNginx = std::is_same_v<CONTROLLER, Nginx>;
-using View = std::conditional_t<isNginx, NginxQListView, RpcQListView>;
-const QString &program = isNginx ? nginx : rpcServer;
-constexpr auto updated =
-    std::get<isNginx>(std::tuple(&RpcQListView::updated, &NginxQListView::nginxUpdated));
+using View = Differences<CONTROLLER>::View;
+constexpr auto updated = Differences<CONTROLLER>::updated;
+constexpr int signalsOfARow = Differences<CONTROLLER>::signalsOfARow;
+const QString &program = Differences<CONTROLLER>::program;
 
 /// Its fields in the open.
 struct Controller : CONTROLLER
@@ -55,41 +78,102 @@ private slots:
         removeAll();
     }
 
-    /// Every one is still there afterwards, with what it showed. An empty message is dropped.
-    void everyMessageInstallsANewModelOfItsOwn()
+    /// A message may hold several lines, and may come twice.
+    void aMessageIsARow()
     {
         controller->view = view.get();
-        const QStringList messages{"first", "second", "second", "fourth\nand fifth\n"};
-        for (const QString &message : messages) {
-            controller->insertMsg("");
-            controller->insertMsg(message.toStdString());
-            QCOMPARE(view->model()->parent(), nullptr);
+        for (const char *message : {"first", "second", "second", "fourth\nand fifth\n"}) {
+            controller->insertMsg(message);
         }
-        int shown = 0;
-        for (const auto &[model, thread] : view->installed()) {
-            QVERIFY(!model.isNull());
-            QCOMPARE(model->stringList(), messages.mid(0, ++shown));
-        }
-        QCOMPARE(shown, 4);
+        QCOMPARE(view->rows(), QStringList({"first", "second", "second", "fourth\nand fifth\n"}));
     }
 
-    /// By a signal of the nginx view, and by a repaint of the RPC view. What the new model itself
-    /// asks for is painted while it is installed.
-    void theViewIsToldAfterEachModel()
+    void everyMessageInstallsAModel()
+    {
+        controller->view = view.get();
+        controller->insertMsg("first");
+        controller->insertMsg("second");
+        QCOMPARE(view->count(), std::size_t{2});
+    }
+
+    void anEmptyMessageInstallsNoModel()
+    {
+        controller->view = view.get();
+        controller->insertMsg("");
+        QCOMPARE(view->count(), std::size_t{0});
+    }
+
+    void anEmptyMessageIsNoRow()
+    {
+        controller->insertMsg("");
+        QCOMPARE(controller->messages, QStringList());
+    }
+
+    void messagesAreCollectedWithoutAView()
+    {
+        controller->insertMsg("first");
+        controller->insertMsg("second");
+        QCOMPARE(controller->messages, QStringList({"first", "second"}));
+    }
+
+    void aViewThatComesLaterShowsAllMessages()
+    {
+        controller->insertMsg("first");
+        controller->view = view.get();
+        controller->insertMsg("second");
+        QCOMPARE(view->rows(), QStringList({"first", "second"}));
+    }
+
+    void aModelHasNoParent()
+    {
+        controller->view = view.get();
+        controller->insertMsg("first");
+        QCOMPARE(view->model()->parent(), nullptr);
+    }
+
+    /// The view may be painting it still.
+    void aModelStaysAsItIsBesideTheNext()
+    {
+        controller->view = view.get();
+        controller->insertMsg("first");
+        controller->insertMsg("second");
+        const auto first = view->installed().front().model;
+        QVERIFY2(!first.isNull(), "the first model was deleted");
+        QCOMPARE(first->stringList(), QStringList("first"));
+    }
+
+    /// The nginx view emits its signal, the RPC view none.
+    void theViewsSignalComesAfterTheModel()
     {
         int signalled = 0;
         connect(view.get(), updated, [&] { ++signalled; });
+        controller->view = view.get();
+        view->atModel = [&] { signalled = 0; };
+        controller->insertMsg("first");
+        QCOMPARE(signalled, signalsOfARow);
+    }
+
+    void anEmptyMessageGivesNoSignal()
+    {
+        int signalled = 0;
+        connect(view.get(), updated, [&] { ++signalled; });
+        controller->view = view.get();
+        controller->insertMsg("");
+        QCOMPARE(signalled, 0);
+    }
+
+    /// What the new model itself asks for is painted while it is installed.
+    void theRpcViewRepaintsAfterTheModel()
+    {
+        if (isNginx) {
+            return; // QListViewsTest holds that it asks for none
+        }
         QVERIFY(view->showSettled());
         controller->view = view.get();
-        view->atModel = [&] {
-            view->settle();
-            signalled = 0;
-        };
-        for (const char *message : {"first", "second", ""}) {
-            controller->insertMsg(message);
-            QCOMPARE(signalled, isNginx ? 1 : 0);
-            QVERIFY(isNginx || eventually([&] { return view->repaints == 1; }, handleEvents));
-        }
+        view->atModel = [&] { view->settle(); };
+        controller->insertMsg("first");
+        QVERIFY2(eventually([&] { return view->repaints == 1; }, handleEvents),
+                 qPrintable(QString("%1 repaints").arg(view->repaints)));
     }
 
     void aNewRowLeavesTheListWhereItWasScrolledTo()
@@ -117,7 +201,7 @@ private slots:
         QCOMPARE(view->rows(), QStringList(expected));
     }
 
-    void passesItsMessagesToTheVirtualSink()
+    void everyMessageOfAStartGoesToTheVirtualSink()
     {
         struct Deaf : CONTROLLER
         {
@@ -127,68 +211,128 @@ private slots:
         QCOMPARE(view->count(), std::size_t{0});
     }
 
-    void aMissingProgramIsShownAndNeedsNoStop()
+    void aMissingProgramIsShown()
     {
-        const StandardOutput output;
         controller->setUi(view.get());
         QCOMPARE(view->rows(), missing(program));
-        QVERIFY(!controller->getStatus());
+    }
+
+    void aMissingProgramDoesNotCountAsRunning()
+    {
+        controller->setUi(view.get());
+        QCOMPARE(controller->getStatus(), false);
+    }
+
+    void aMissingProgramIsNotStopped()
+    {
+        controller->setUi(view.get());
         controller->abolish();
         controller.reset();
-        QCOMPARE(output.text(), QByteArray());
         QCOMPARE(SystemCalls::lines(), QStringList());
     }
 
-    /// The program appears while the path is shown, and is found.
-    void showsThePathThenLooksForTheProgramThenRequestsReading()
+    void aMissingProgramIsNotPrinted()
     {
-        QList<bool> requested;
-        view->atModel = [&] {
-            requested.append(controller->launchRequested);
-            install(program);
-        };
+        const StandardOutput output;
         controller->setUi(view.get());
-        QCOMPARE(view->rows(), started(program));
-        QCOMPARE(requested, QList<bool>({false, false}));
-        QVERIFY(controller->launchRequested);
+        controller->abolish();
+        controller.reset();
+        QCOMPARE(output.text(), QByteArray());
     }
 
-    /// Nginx by the shell, in its folder; the RPC server by itself, without the environment. What
-    /// BASH_ENV names, bash(1) reads before it runs a command or a script.
-    void eachIsStartedInItsOwnWay()
+    /// The program appears while the path is shown, and is found.
+    void showsThePathBeforeItLooksForTheProgram()
+    {
+        view->atModel = [] { install(program); };
+        controller->setUi(view.get());
+        QCOMPARE(view->rows(), started(program));
+    }
+
+    void doesNotRequestReadingBeforeTheStart()
+    {
+        install(program);
+        bool requested = false;
+        view->atModel = [&] { requested = requested || controller->launchRequested; };
+        controller->setUi(view.get());
+        QVERIFY(isIdle(*controller, program));
+        QVERIFY2(!requested, "reading was requested while a row of the start was shown");
+    }
+
+    void requestsReadingWithTheStart()
+    {
+        start();
+        QCOMPARE(controller->launchRequested, true);
+    }
+
+    void nginxIsStartedInItsFolder()
+    {
+        start(noting("$0 in $PWD with $# arguments"));
+        const QString root = BundleTest::root();
+        const QString nginxStart = "sbin/nginx in " + root + "/nginx with 0 arguments";
+        const QString rpcStart =
+            root + '/' + rpcServer + " in " + QDir::currentPath() + " with 0 arguments";
+        QCOMPARE(SystemCalls::lines().constFirst(), isNginx ? nginxStart : rpcStart);
+    }
+
+    /// What BASH_ENV names, bash(1) reads before it runs a command or a script: nginx comes by a
+    /// shell with the environment, the RPC server by itself and without.
+    void nginxIsStartedByAShellWithTheEnvironment()
     {
         const QString root = BundleTest::root();
         BundleTest::writeScript("environment", noting("$0 reads it: $BASH_EXECUTION_STRING"));
         qputenv("BASH_ENV", root.toUtf8() + "/environment");
-        start(noting("$0 in $PWD with $# arguments"));
+        start();
         qunsetenv("BASH_ENV");
-        const QStringList byShell{
-            "bash reads it: cd " + root + "/nginx && sbin/nginx",
-            "sbin/nginx reads it: ", "sbin/nginx in " + root + "/nginx with 0 arguments"};
-        const QStringList directly{root + '/' + rpcServer + " in " + QDir::currentPath() +
-                                   " with 0 arguments"};
-        const QStringList &own = isNginx ? byShell : directly;
-        QCOMPARE(SystemCalls::lines().mid(0, own.size()), own);
+        const QStringList ofNginx{"bash reads it: cd " + root + "/nginx && sbin/nginx",
+                                  "sbin/nginx reads it: "};
+        const QStringList ofTheRpcServer;
+        QCOMPARE(SystemCalls::lines().filter("reads it"), isNginx ? ofNginx : ofTheRpcServer);
     }
 
-    /// The rows and signals come although the event loop of the view's thread does not run. One row
-    /// is one chunk of 512 bytes at most.
-    void showsTheOutputByItsReader()
+    /// What is no UTF-8 becomes a replacement character, as both halves of a cut character do.
+    void aRowIsOneChunk()
+    {
+        const QByteArray firstHalf = "\\303"; // as printf(1) takes it
+        const QByteArray secondHalf = "\\251";
+        const QByteArray text(chunkBytes - 1, 'a');
+        install(program, "/usr/bin/printf '" + text + firstHalf + secondHalf + "z\\nand more'\n");
+        controller->setUi(view.get());
+        QVERIFY(eventually([&] { return view->count() == 4; }));
+        QCOMPARE(view->rows(), started(program) << text + QStringLiteral("\uFFFD")
+                                                << QStringLiteral("\uFFFDz\nand more"));
+    }
+
+    void theRowsOfAStartAreMadeOnTheCallersThread()
+    {
+        start();
+        for (const auto &row : view->installed()) {
+            QVERIFY2(row.thread == std::this_thread::get_id(), "another thread installed a row");
+        }
+    }
+
+    /// It comes although the event loop of the view's thread does not run.
+    void aRowOfOutputIsInstalledByAnotherThread()
+    {
+        QVERIFY(startWithOutput());
+        QVERIFY2(view->installed().back().thread != std::this_thread::get_id(),
+                 "the test's own thread installed it");
+    }
+
+    void theModelOfOutputBelongsToTheThreadOfTheReader()
+    {
+        QVERIFY(startWithOutput());
+        QVERIFY2(view->installed().back().model->thread() != thread(),
+                 "the model was made by, or handed over to, the test's own thread");
+    }
+
+    void theSignalOfOutputNeedsNoEventLoop()
     {
         std::atomic<int> signalled{0};
         connect(view.get(), updated, [&] { ++signalled; });
-        const QByteArray half(511, 'a');
-        install(program, "/usr/bin/printf '" + half + "\\303\\251z\\nand more'\n");
-        controller->setUi(view.get());
-        QVERIFY(eventually([&] { return view->count() == 4; }));
-        QCOMPARE(view->rows(), started(program) << half + QStringLiteral("\uFFFD")
-                                                << QStringLiteral("\uFFFDz\nand more"));
-        for (std::size_t i = 0; i < 4; ++i) {
-            const bool here = i < 2;
-            QCOMPARE(view->installed()[i].thread == std::this_thread::get_id(), here);
-            QCOMPARE(view->installed()[i].model->thread() == thread(), here);
-        }
-        QVERIFY(eventually([&] { return signalled == (isNginx ? 4 : 0); }));
+        QVERIFY(startWithOutput());
+        const int rows = 3;
+        QVERIFY2(eventually([&] { return signalled == rows * signalsOfARow; }),
+                 qPrintable(QString("%1 signals").arg(signalled.load())));
     }
 
     /// No lock: a message of the GUI thread is shown while the reader is inside the sink. It stands
@@ -235,43 +379,122 @@ private slots:
         QVERIFY(released);
     }
 
-    /// And waits for it, whatever it answers. The child is left alone, nothing recorded.
-    void abolishRunsTheStopCommandOfARunningNginxAlone()
+    /// Of nginx alone. It waits for the command, whatever that answers.
+    void abolishRunsTheStopCommandToItsEnd()
     {
-        start({}, "sleep 0.1\n" + noting("after a while") + "echo stopping\nexit 3\n");
-        const StandardOutput output;
+        start({}, "sleep 0.1\n" + noting("after a while") + "exit 3\n");
+        controller->abolish();
+        const QStringList stop{stopCommand(), "nginx stops", "after a while"};
+        QCOMPARE(linesAfterTheStart(), isNginx ? stop : QStringList());
+    }
+
+    void abolishRunsNothingWhileNotRunning()
+    {
+        start();
         controller->setStatus(false);
         controller->abolish();
         controller->setStatus(true);
+        QCOMPARE(linesAfterTheStart(), QStringList());
+    }
+
+    void theStopCommandsOutputIsTheLaunchers()
+    {
+        start({}, "echo stopping\n");
+        const StandardOutput output;
         controller->abolish();
-        const QStringList stop{stopCommand(), "nginx stops", "after a while"};
-        QCOMPARE(SystemCalls::lines().mid(1), isNginx ? stop : QStringList());
-        QCOMPARE(output.text().contains("stopping\n"), isNginx); // the launcher's, not the list's
-        QVERIFY(Processes::isAlive(childOf(*controller)));
-        QVERIFY(controller->getStatus());
+        QCOMPARE(output.text(), QByteArray(isNginx ? "stopping\n" : ""));
+    }
+
+    void theStopCommandsOutputIsNoRow()
+    {
+        start({}, "echo stopping\n");
+        const StandardOutput output;
+        controller->abolish();
         QCOMPARE(view->rows(), started(program));
     }
 
-    /// Its reader goes on, and the second start and its request start one each.
-    void aSecondStartLeavesTheFirstRunning()
+    void abolishLeavesTheChildAlive()
     {
         start();
-        const pid_t first = childOf(*controller);
-        controller->setUi(view.get());
-        QCOMPARE(view->rows(), started(program) + started(program));
-        QVERIFY(Processes::isAlive(first));
-        QCOMPARE(SystemCalls::lines().filter("kill"), QStringList());
+        controller->abolish();
+        QVERIFY2(Processes::isAlive(childOf(*controller)), "the child has ended");
+    }
 
-        // Only one of the readers would be cancelled. All end by themselves after the end of file.
-        const int before = threads();
-        controller->setStatus(false);
-        kill(first, SIGKILL);
-        kill(childOf(*controller), SIGKILL);
-        QVERIFY(eventually([&] { return threads() <= before - 3; }));
+    void abolishLeavesTheStatus()
+    {
+        start();
+        controller->abolish();
+        QCOMPARE(controller->getStatus(), true);
+    }
+
+    void aSecondStartIsShownBelowTheFirst()
+    {
+        startTwice();
+        endBoth();
+        QCOMPARE(view->rows(), started(program) + started(program));
+    }
+
+    void aSecondStartLeavesTheFirstChildAlive()
+    {
+        startTwice();
+        const bool alive = Processes::isAlive(firstChild);
+        endBoth();
+        QVERIFY2(alive, "the first child has ended");
+    }
+
+    void aSecondStartStopsNothing()
+    {
+        startTwice();
+        const QStringList lines = SystemCalls::lines();
+        endBoth();
+        QCOMPARE(lines.filter(QRegularExpression("^(kill|system) ")), QStringList());
+    }
+
+    /// The start and its request make one each.
+    void aSecondStartMakesTwoReaders()
+    {
+        startTwice();
+        const auto readers = [&] { return SystemCalls::readersOf(readEndOf(*controller)); };
+        const bool two = eventually([&] { return readers() == 2; });
+        const QByteArray seen = QByteArray::number(readers()) + " readers";
+        endBoth();
+        QVERIFY2(two, seen);
     }
 
 private:
+    static constexpr int chunkBytes = 512; // of one read of the reader
+
+    static QStringList linesAfterTheStart() { return SystemCalls::lines().mid(1); }
+
     static int threads() { return QDir("/proc/self/task").entryList(QDir::Dirs).size(); }
+
+    /// Leaves the first child in `firstChild`.
+    void startTwice()
+    {
+        start();
+        firstChild = childOf(*controller);
+        controller->setUi(view.get());
+    }
+
+    /// Ends both children and waits for the end of their three readers. A deletion would cancel one
+    /// of these; so they end by themselves, after the end of file.
+    void endBoth()
+    {
+        const int before = threads();
+        controller->setStatus(false);
+        kill(firstChild, SIGKILL);
+        kill(childOf(*controller), SIGKILL);
+        QVERIFY2(eventually([&] { return threads() <= before - 3; }),
+                 qPrintable(QString("of %1 threads, %2 are left").arg(before).arg(threads())));
+    }
+
+    /// Starts a program that writes, and returns whether its output came to be a row.
+    bool startWithOutput()
+    {
+        install(program, "echo output\n");
+        controller->setUi(view.get());
+        return eventually([&] { return view->count() == 3; });
+    }
 
     void start(const QByteArray &started = {}, const QByteArray &stopped = {})
     {
@@ -282,6 +505,7 @@ private:
 
     std::unique_ptr<WatchedView<View>> view;
     std::unique_ptr<Controller> controller;
+    pid_t firstChild = 0;
 };
 
 BUNDLE_TEST_MAIN(ControllerTest)

@@ -56,14 +56,18 @@ inline pid_t childOf(const MyProgress &runner)
     return runner.*(&OpenRunner::childPid);
 }
 
+inline int readEndOf(const MyProgress &runner)
+{
+    return (runner.*(&OpenRunner::pipeFds))[0];
+}
+
 /// Waits until the program has noted its start, and the runner's reader has nothing to do: then no
 /// sink runs while the runner is deleted.
 inline bool isIdle(const MyProgress &runner, const QString &program)
 {
-    const int readEnd = (runner.*(&OpenRunner::pipeFds))[0];
     return eventually([&] {
         return SystemCalls::lines().contains(program.section('/', -1) + " starts") &&
-               SystemCalls::readersOf(readEnd) == 1;
+               SystemCalls::readersOf(readEndOf(runner)) == 1;
     });
 }
 
