@@ -29,7 +29,14 @@ const pid_t testProcess = getpid();
 int logFile = -1; ///< in memory; appended to in one write a line, so that forks and programs can
 const bool *watched = nullptr;
 std::map<QByteArray, std::function<void()>> actions;
-std::pair<QByteArray, int> failure;
+
+/// What the next call of that name is to fail with.
+struct Failure
+{
+    QByteArray name; ///< empty: no call is to fail
+    int error = 0;
+};
+Failure failure;
 
 [[gnu::constructor]] void openLog()
 {
@@ -60,11 +67,11 @@ bool begin(const QByteArray &name, std::initializer_list<long> numbers = {},
     if (action != actions.end()) {
         action->second();
     }
-    if (failure.first != name) {
+    if (failure.name != name) {
         return true;
     }
-    failure.first.clear();
-    errno = failure.second;
+    failure.name.clear();
+    errno = failure.error;
     return false;
 }
 
@@ -78,10 +85,13 @@ bool begin(const QByteArray &name, std::initializer_list<long> numbers = {},
     pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
     pthread_setcanceltype(type, nullptr);
     pthread_setcancelstate(state, nullptr);
-    begin(name, numbers,
-          state != PTHREAD_CANCEL_ENABLE        ? " (held off)"
-          : type == PTHREAD_CANCEL_ASYNCHRONOUS ? " (cancellable)"
-                                                : " (deferred)");
+    QByteArray remark = " (deferred)";
+    if (state != PTHREAD_CANCEL_ENABLE) {
+        remark = " (held off)";
+    } else if (type == PTHREAD_CANCEL_ASYNCHRONOUS) {
+        remark = " (cancellable)";
+    }
+    begin(name, numbers, remark);
 }
 
 void start(Recording what, const bool *flag)

@@ -20,6 +20,8 @@ bool send(DeployBtn &button, QEvent::Type type, Qt::MouseButton cause, Qt::Mouse
 
 } // namespace
 
+Q_DECLARE_METATYPE(Qt::MouseButton)
+
 class DeployBtnTest : public QObject
 {
     Q_OBJECT
@@ -40,65 +42,179 @@ private slots:
         QCOMPARE(DeployBtn(&parent).window(), &parent);
     }
 
+    void aLeftPressActsOnce()
+    {
+        press();
+        QCOMPARE(action->count(), 1);
+    }
+
     void aLeftPressActsBeforeTheButtonGoesDown()
     {
-        QList<bool> down;
+        bool wasDown = true;
         QObject::connect(button.get(), &DeployBtn::clicked, this,
-                         [&] { down.append(button->isDown()); });
-        QVERIFY(send(*button, QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton));
-        QCOMPARE(down, QList<bool>{false});
-        QVERIFY(button->isDown());
-        QCOMPARE(inherited->count(), 0);
+                         [&] { wasDown = button->isDown(); });
+        press();
+        QVERIFY2(!wasDown, "the action came after the inherited handling, or not at all");
+    }
 
-        QVERIFY(send(*button, QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton));
+    void aLeftPressShowsTheButtonDown()
+    {
+        press();
+        QVERIFY2(button->isDown(), "the button shows no press");
+    }
+
+    void aLeftPressIsTheButtonsOwn() { QVERIFY2(press(), "the press was left to the parent"); }
+
+    void aLeftPressIsNoInheritedClickYet()
+    {
+        press();
+        QCOMPARE(inherited->count(), 0);
+    }
+
+    void aReleaseDoesNotActAgain()
+    {
+        press();
+        release();
         QCOMPARE(action->count(), 1);
+    }
+
+    void aReleaseIsTheInheritedClick()
+    {
+        press();
+        release();
         QCOMPARE(inherited->count(), 1);
-        QVERIFY(!button->isDown());
+    }
+
+    void aReleaseShowsTheButtonUp()
+    {
+        press();
+        release();
+        QVERIFY2(!button->isDown(), "the button shows a press still");
     }
 
     void aReleaseOutsideLeavesTheActionRunOnce()
     {
-        send(*button, QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton);
-        send(*button, QEvent::MouseMove, Qt::NoButton, Qt::LeftButton, {500, 500});
-        send(*button, QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton, {500, 500});
+        press();
+        releaseOutside();
         QCOMPARE(action->count(), 1);
+    }
+
+    void aReleaseOutsideIsNoInheritedClick()
+    {
+        press();
+        releaseOutside();
         QCOMPARE(inherited->count(), 0);
     }
 
-    /// Whatever else is held. The inherited handling leaves the event to the parent.
-    void otherButtonsDoNothing()
+    void anotherButtonDoesNotAct_data() { addOtherButtons(); }
+
+    void anotherButtonDoesNotAct()
     {
-        for (const Qt::MouseButton other : {Qt::RightButton, Qt::MiddleButton}) {
-            QVERIFY(!send(*button, QEvent::MouseButtonPress, other, other | Qt::LeftButton));
-            QVERIFY(!button->isDown());
-            send(*button, QEvent::MouseButtonRelease, other, Qt::LeftButton);
-            QCOMPARE(action->count(), 0);
-            QCOMPARE(inherited->count(), 0);
-        }
+        QFETCH(Qt::MouseButton, other);
+        send(*button, QEvent::MouseButtonPress, other, other | Qt::LeftButton); // whatever is held
+        send(*button, QEvent::MouseButtonRelease, other, Qt::LeftButton);
+        QCOMPARE(action->count(), 0);
+    }
+
+    void anotherButtonIsNoInheritedClick_data() { addOtherButtons(); }
+
+    void anotherButtonIsNoInheritedClick()
+    {
+        QFETCH(Qt::MouseButton, other);
+        send(*button, QEvent::MouseButtonPress, other, other | Qt::LeftButton);
+        send(*button, QEvent::MouseButtonRelease, other, Qt::LeftButton);
+        QCOMPARE(inherited->count(), 0);
+    }
+
+    void anotherButtonDoesNotShowTheButtonDown_data() { addOtherButtons(); }
+
+    void anotherButtonDoesNotShowTheButtonDown()
+    {
+        QFETCH(Qt::MouseButton, other);
+        send(*button, QEvent::MouseButtonPress, other, other | Qt::LeftButton);
+        QVERIFY2(!button->isDown(), "the button shows a press");
+    }
+
+    void anotherButtonIsLeftToTheParent_data() { addOtherButtons(); }
+
+    void anotherButtonIsLeftToTheParent()
+    {
+        QFETCH(Qt::MouseButton, other);
+        QVERIFY2(!send(*button, QEvent::MouseButtonPress, other, other | Qt::LeftButton),
+                 "the button took the press");
     }
 
     void aDoubleClickActsTwice()
     {
-        QTest::mouseClick(button.get(), Qt::LeftButton);
-        send(*button, QEvent::MouseButtonDblClick, Qt::LeftButton, Qt::LeftButton);
+        doubleClick();
         QCOMPARE(action->count(), 2);
-        send(*button, QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton);
-        QCOMPARE(action->count(), 2);
+    }
+
+    void aDoubleClickIsTwoInheritedClicks()
+    {
+        doubleClick();
         QCOMPARE(inherited->count(), 2);
     }
 
-    void theKeyboardAndTheProgramRunOnlyTheInheritedClick()
+    void theSpaceBarDoesNotAct()
+    {
+        pressTheSpaceBar();
+        QCOMPARE(action->count(), 0);
+    }
+
+    void theSpaceBarIsTheInheritedClick()
+    {
+        pressTheSpaceBar();
+        QCOMPARE(inherited->count(), 1);
+    }
+
+    void aClickByTheProgramDoesNotAct()
+    {
+        button->click();
+        QCOMPARE(action->count(), 0);
+    }
+
+    void aClickByTheProgramIsTheInheritedClick()
+    {
+        button->click();
+        QCOMPARE(inherited->count(), 1);
+    }
+
+private:
+    bool press() { return send(*button, QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton); }
+
+    void release() { send(*button, QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton); }
+
+    void releaseOutside()
+    {
+        const QPoint outside(500, 500);
+        send(*button, QEvent::MouseMove, Qt::NoButton, Qt::LeftButton, outside);
+        send(*button, QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton, outside);
+    }
+
+    /// The second press comes as an event of its own kind.
+    void doubleClick()
+    {
+        press();
+        release();
+        send(*button, QEvent::MouseButtonDblClick, Qt::LeftButton, Qt::LeftButton);
+        release();
+    }
+
+    void pressTheSpaceBar()
     {
         button->show();
         button->setFocus();
         QTest::keyClick(button.get(), Qt::Key_Space);
-        QCOMPARE(inherited->count(), 1);
-        button->click();
-        QCOMPARE(inherited->count(), 2);
-        QCOMPARE(action->count(), 0);
     }
 
-private:
+    static void addOtherButtons()
+    {
+        QTest::addColumn<Qt::MouseButton>("other");
+        QTest::newRow("right") << Qt::RightButton;
+        QTest::newRow("middle") << Qt::MiddleButton;
+    }
+
     std::unique_ptr<DeployBtn> button;
     std::unique_ptr<QSignalSpy> action;
     std::unique_ptr<QSignalSpy> inherited;

@@ -157,20 +157,26 @@ private slots:
         form.reset();
     }
 
-    void theWindowIsNamedUnlessItHasAName()
+    void aWindowWithoutANameIsNamed() { QCOMPARE(window->objectName(), "MainWindow"); }
+
+    void aWindowWithANameKeepsIt()
     {
-        QCOMPARE(window->objectName(), "MainWindow");
         QMainWindow named;
         named.setObjectName("mine");
         form->setupUi(&named);
         QCOMPARE(named.objectName(), "mine");
     }
 
+    void theWindowIsWhite()
+    {
+        QCOMPARE(window->styleSheet(), "background-color: rgb(255, 255, 255);");
+    }
+
+    void theCentralWidgetIsTheWindows() { QCOMPARE(window->centralWidget(), form->centralWidget); }
+
     /// That there is no further element is held by ContractTest.
     void theTreeIsComplete()
     {
-        QCOMPARE(window->centralWidget(), form->centralWidget);
-        QCOMPARE(window->styleSheet(), "background-color: rgb(255, 255, 255);");
         const QString byStyle = "spacing 6 QMargins(21, 21, 21, 21)";
         const QStringList expected{
             "QWidget centralWidget",
@@ -210,74 +216,148 @@ private slots:
         QCOMPARE(describe(window->centralWidget()), expected);
     }
 
+    void theTitleIsLargeInAnOtherwiseDefaultFont_data()
+    {
+        QTest::addColumn<QFont>("defaultFont");
+        QTest::newRow("bold and italic") << QFont("Monospace", 7, QFont::Bold, true);
+        QTest::newRow("plain") << QFont("Serif", 7);
+    }
+
     void theTitleIsLargeInAnOtherwiseDefaultFont()
     {
+        QFETCH(QFont, defaultFont);
         const QFont usual = QApplication::font();
-        for (QFont font : {QFont("Monospace", 7, QFont::Bold, true), QFont("Serif", 7)}) {
-            QApplication::setFont(font);
-            QMainWindow other;
-            form->setupUi(&other);
-            QApplication::setFont(usual);
-            font.setPointSize(15);
-            QCOMPARE(form->label->font().toString(), font.toString());
-        }
+        QApplication::setFont(defaultFont);
+        QMainWindow other;
+        form->setupUi(&other);
+        QApplication::setFont(usual);
+        QFont expected = defaultFont;
+        expected.setPointSize(15);
+        QCOMPARE(form->label->font().toString(), expected.toString());
     }
 
-    void translatesItsTextsInOrder()
+    void showsItsTexts() { QCOMPARE(shownTexts(), texts); }
+
+    /// In the window's context, without a remark and a number; in the order of the list.
+    void asksForATranslationOfEachTextInOrder()
     {
-        QStringList expected{
-            "MainWindow",
-            "Orvane Launcher",
-            "[About Start] Please click the [Deploy Service] bottom.Then ope the (Chrome/Firefox) "
-            "browser,type \"http://localhost:4200\" into the URL blank,go in. ",
-            "[About Close] Please check that all your device playing has been stopped.Then click "
-            "the [Stop Service] buttom to stop all orvane services",
-            "[About Restart] If you find that the DPS number(onthe right top side of the video "
-            "window) always been 0 while you had opened the channel.You can try to restart the "
-            "services by clicking the [Deploy Service] bottom again",
-            "Directions",
-            "RPC Service",
-            "Nginx",
-            "Deploy Servicde",
-            "Stop Service",
-        };
-        const auto shown = [this] {
-            QStringList texts{window->windowTitle()};
-            for (const QLabel *label : {form->label, form->label_2, form->label_3, form->label_4}) {
-                texts << label->text();
-            }
-            for (QWidget *page : {form->tab, form->tab_2, form->tab_5}) {
-                texts << form->tabWidget->tabText(form->tabWidget->indexOf(page));
-            }
-            return texts << form->pushButton->text() << form->pushButton_2->text();
-        };
-        QCOMPARE(shown(), expected);
-        const AskedTexts texts;
+        const AskedTexts translator;
         form->retranslateUi(window.get());
-        expected.replaceInStrings(QRegularExpression("^"), "MainWindow|none|-1|");
-        QCOMPARE(texts.asked, expected);
-        QCOMPARE(shown(), expected);
+        QCOMPARE(translator.asked, asAsked(texts));
     }
 
-    void opensWithTheDirectionsInFrontAndTheButtonsBelow()
+    void showsTheTranslationOfEachText()
     {
-        window->show();
-        QVERIFY(QTest::qWaitForWindowExposed(window.get()));
+        const AskedTexts translator;
+        form->retranslateUi(window.get());
+        QCOMPARE(shownTexts(), asAsked(texts));
+    }
+
+    /// The size stands in ui/MainWindow.ui and, as a promise, here; nothing else repeats it.
+    void opensInItsSize()
+    {
+        QVERIFY(show());
         QCOMPARE(window->size(), QSize(476, 374));
-        QVERIFY(form->tab->isVisible());
-        QVERIFY(!form->tab_2->isVisible());
-        QVERIFY(!form->tab_5->isVisible());
-        const QRect area = form->verticalLayout->geometry();
-        const QRect deploy = form->pushButton->geometry();
-        const QRect stop = form->pushButton_2->geometry();
-        QCOMPARE(deploy.left(), area.left() + 14);
-        QCOMPARE(stop.left(), deploy.right() + 1 + 6);
-        QCOMPARE(stop.right(), area.right() - 14);
-        QCOMPARE(deploy.bottom(), area.bottom());
-        QCOMPARE(stop.bottom(), area.bottom());
+    }
+
+    void opensWithThePageInFront_data()
+    {
+        QTest::addColumn<QString>("page");
+        QTest::addColumn<bool>("inFront");
+        QTest::newRow("Directions") << "tab" << true;
+        QTest::newRow("RPC Service") << "tab_2" << false;
+        QTest::newRow("Nginx") << "tab_5" << false;
+    }
+
+    void opensWithThePageInFront()
+    {
+        QFETCH(QString, page);
+        QFETCH(bool, inFront);
+        QVERIFY(show());
+        QCOMPARE(window->findChild<QWidget *>(page)->isVisible(), inFront);
+    }
+
+    void theDeployButtonKeepsAwayFromTheLeftEdge()
+    {
+        QVERIFY(show());
+        QCOMPARE(form->pushButton->geometry().left(), area().left() + buttonMargin);
+    }
+
+    void theStopButtonKeepsAwayFromTheRightEdge()
+    {
+        QVERIFY(show());
+        QCOMPARE(form->pushButton_2->geometry().right(), area().right() - buttonMargin);
+    }
+
+    void theStopButtonLiesToTheRightOfTheDeployButton()
+    {
+        QVERIFY(show());
+        const int behindDeploy = form->pushButton->geometry().right() + 1;
+        QCOMPARE(form->pushButton_2->geometry().left(), behindDeploy + spacing);
+    }
+
+    void theDeployButtonLiesAtTheBottom()
+    {
+        QVERIFY(show());
+        QCOMPARE(form->pushButton->geometry().bottom(), area().bottom());
+    }
+
+    void theStopButtonLiesAtTheBottom()
+    {
+        QVERIFY(show());
+        QCOMPARE(form->pushButton_2->geometry().bottom(), area().bottom());
     }
 
 private:
+    static constexpr int buttonMargin = 14; // pixels
+    static constexpr int spacing = 6;       // pixels
+
+    bool show()
+    {
+        window->show();
+        return QTest::qWaitForWindowExposed(window.get());
+    }
+
+    /// Where the layout of all that the window shows lies.
+    QRect area() const { return form->verticalLayout->geometry(); }
+
+    /// In the order in which they are set.
+    const QStringList texts{
+        "MainWindow",
+        "Orvane Launcher",
+        "[About Start] Please click the [Deploy Service] bottom.Then ope the (Chrome/Firefox) "
+        "browser,type \"http://localhost:4200\" into the URL blank,go in. ",
+        "[About Close] Please check that all your device playing has been stopped.Then click "
+        "the [Stop Service] buttom to stop all orvane services",
+        "[About Restart] If you find that the DPS number(onthe right top side of the video "
+        "window) always been 0 while you had opened the channel.You can try to restart the "
+        "services by clicking the [Deploy Service] bottom again",
+        "Directions",
+        "RPC Service",
+        "Nginx",
+        "Deploy Servicde",
+        "Stop Service",
+    };
+
+    /// What the window shows, in the same order.
+    QStringList shownTexts() const
+    {
+        QStringList shown{window->windowTitle()};
+        for (const QLabel *label : {form->label, form->label_2, form->label_3, form->label_4}) {
+            shown << label->text();
+        }
+        for (QWidget *page : {form->tab, form->tab_2, form->tab_5}) {
+            shown << form->tabWidget->tabText(form->tabWidget->indexOf(page));
+        }
+        return shown << form->pushButton->text() << form->pushButton_2->text();
+    }
+
+    /// What AskedTexts makes of these texts.
+    static QStringList asAsked(QStringList sources)
+    {
+        return sources.replaceInStrings(QRegularExpression("^"), "MainWindow|none|-1|");
+    }
+
     std::unique_ptr<QMainWindow> window;
     std::unique_ptr<Ui_MainWindow> form;
 };
