@@ -2,6 +2,7 @@
 
     bundle     stages an orvane.app: the built one, one with throw-away services, nginx alone
     desktop    a virtual X server, the launcher's window in it, real clicks
+    assistive  a desktop with accessibility switched on, a client that walks a window there
     browser    a real browser that looks at the sample page
     processes  waiting, and which processes there are
 

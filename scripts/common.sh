@@ -52,6 +52,9 @@ build_packages=(g++ cmake make ninja-build qtbase5-dev libmicrohttpd-dev nlohman
 # What showing it without a display takes: a virtual X server, a browser, and what drives both.
 demo_packages=(xvfb fonts-dejavu-core chromium chromium-driver
     iproute2 python3 python3-pil python3-psutil python3-selenium python3-xlib)
+# shellcheck disable=SC2034 # likewise
+# What walks the window as a screen reader does. A release may lack some.
+assistive_packages=(at-spi2-core dbus-daemon python3-pyatspi)
 brew_packages=(cmake ninja qt@5 libmicrohttpd nlohmann-json pkgconf librsvg nginx)
 oldest_cmake=3.21 # knows the presets
 

@@ -15,6 +15,7 @@ from pathlib import Path
 from typing import Callable, NamedTuple
 
 import aimed
+import assistive
 import day
 import deploys
 import nginx_starts
@@ -35,6 +36,7 @@ KINDS = {
     "real": Kind("deploys of the services of the bundle", deploys.real),
     "nginx": Kind("the bundle's nginx alone, stopped or killed while it starts", nginx_starts.soak),
     "aimed": Kind("stops in the very moment in which a row arrives", aimed.soak),
+    "assistive": Kind("a client of the accessibility bus that walks both lists", assistive.soak),
     "day": Kind("an open page; a cycle is one of its calls, 86,400 are a day", day.soak),
 }
 PROJECT = Path(__file__).resolve().parents[2]

@@ -1,0 +1,50 @@
+"""A client of the accessibility bus walks the window, as a screen reader does."""
+
+import pytest
+from steps import deploy
+
+from drive.assistive import AccessibleDesktop, Node, Walker
+from drive.processes import wait_for
+
+
+@pytest.fixture
+def desktop(ending):
+    """A virtual X server with accessibility switched on."""
+    return ending.enter_context(AccessibleDesktop())
+
+
+@pytest.fixture
+def launcher(launch, throw_away):
+    """The launcher, deployed; each of its services has written a row."""
+    services = throw_away(nginx="echo a row; exec sleep infinity",
+                          rpc="echo a row; exec sleep infinity")
+    launched = launch(services.program)
+    deploy(launched, services)
+    return launched
+
+
+@pytest.fixture
+def walker(desktop, launcher, ending):
+    """The client."""
+    return ending.enter_context(Walker(desktop, launcher.pid))
+
+
+def read_of(walker):
+    """Returns what the client reads of the window in its first walk."""
+    return wait_for("a walk", lambda: walker.seen)
+
+
+@pytest.mark.parametrize("name", ["RPC Service", "Nginx"])
+def test_a_list_has_the_title_of_its_tab(walker, name):
+    assert Node("list", name) in read_of(walker)
+
+
+@pytest.mark.parametrize("role, name", [
+    ("frame", "MainWindow"), ("label", "Orvane Launcher"), ("page tab", "Directions"),
+    ("push button", "Deploy Servicde")], ids=["window", "title", "tab", "button"])
+def test_what_is_no_list_keeps_its_text(walker, role, name):
+    assert Node(role, name) in read_of(walker)
+
+
+def test_rows_are_not_read(walker):
+    assert "list item" not in [node.role for node in read_of(walker)]
