@@ -5,6 +5,8 @@ import re
 import shutil
 import stat
 import subprocess
+import tempfile
+from pathlib import Path
 
 import pytest
 
@@ -66,97 +68,185 @@ def tree(project, directory):
     return Tree(project, directory)
 
 
-@pytest.fixture
-def staged(tree):
-    """A tree in which the integrator's services are staged."""
-    tree.configure(f"-DORVANE_NGINX_DIR={tree.nginx}", f"-DORVANE_RPC_SERVER={tree.server}")
-    tree.stage()
-    return tree
+def configured(project, directory):
+    """Returns a tree in which the integrator's services are staged."""
+    made = Tree(project, Path(directory).resolve())
+    made.configure(f"-DORVANE_NGINX_DIR={made.nginx}", f"-DORVANE_RPC_SERVER={made.server}")
+    made.stage()
+    return made
 
 
-def test_stages_both_where_the_launcher_looks_without_the_samples_libraries(staged):
-    assert files(staged.staged) == {"sbin/nginx", "html/a b.html"}
-    assert os.access(staged.staged / "sbin/nginx", os.X_OK)
+@pytest.fixture(scope="module")
+def staged(project):
+    """One for all tests; a test that changes something has a file of its own there."""
+    with tempfile.TemporaryDirectory(prefix="orvane-test-") as directory:
+        yield configured(project, directory)
+
+
+def test_stages_the_nginx_directory_but_for_what_an_nginx_wrote_there(staged):
+    assert files(staged.nginx) - files(staged.staged) == {"run/nginx.pid"}
+
+
+def test_stages_an_empty_directory(staged):
     assert (staged.staged / "logs").is_dir()
-    assert [path.name for path in staged.program.parents[1].iterdir()] == ["MacOs"]
+
+
+def test_stages_the_server_where_the_launcher_looks(staged):
     assert staged.program.read_bytes() == staged.server.read_bytes()
-    assert os.access(staged.program, os.X_OK)
+
+
+def test_stages_nothing_beside_the_server(staged):
+    assert files(staged.bundle / "rpcServer") == {"MacOs/rpcServer"}
+
+
+@pytest.mark.parametrize("program", ["nginx/sbin/nginx", "rpcServer/MacOs/rpcServer"])
+def test_stages_a_program_that_can_be_executed(staged, program):
+    assert os.access(staged.bundle / program, os.X_OK)
+
+
+def test_asks_for_none_of_the_samples_libraries(staged):
     cache = (staged.build / "CMakeCache.txt").read_text(encoding="utf-8")
-    assert not re.search("microhttpd|nlohmann", cache)
-    assert "Staging nginx" in staged.plan()
-    assert "Staging the RPC server" in staged.plan()
+    assert re.findall("microhttpd|nlohmann", cache) == []
 
 
-def test_stages_what_was_edited_added_and_removed_and_keeps_what_nginx_wrote(staged):
-    page, added = staged.nginx / "html/a b.html", staged.nginx / "html/new.html"
+@pytest.mark.parametrize("step", ["Staging nginx", "Staging the RPC server"])
+def test_stages_again_in_every_build(staged, step):
+    assert step in staged.plan()
+
+
+def test_stages_what_was_edited_even_if_the_clock_does_not_show_it(staged):
+    page = staged.nginx / "html/edited.html"
+    write(page, "first")
+    staged.stage()
     times = page.stat()
     write(page, "other")
-    os.utime(page, ns=(times.st_atime_ns, times.st_mtime_ns))  # which the clock does not show
-    write(added, "new")
-    write(staged.staged / "run/nginx.pid", "1\n")
-    write(staged.staged / "logs/access.log", "a line\n")
-    written = {"run/nginx.pid", "logs/access.log"}
+    os.utime(page, ns=(times.st_atime_ns, times.st_mtime_ns))
     staged.stage()
-    assert (staged.staged / "html/a b.html").read_text("ascii") == "other"
-    assert files(staged.staged) == {"sbin/nginx", "html/a b.html", "html/new.html"} | written
+    assert (staged.staged / "html/edited.html").read_text("ascii") == "other"
+
+
+def test_stages_what_was_added(staged):
+    write(staged.nginx / "html/added.html", "new")
+    staged.stage()
+    assert "html/added.html" in files(staged.staged)
+
+
+def test_removes_what_was_removed(staged):
+    page = staged.nginx / "html/removed.html"
+    write(page, "old")
+    staged.stage()
     page.unlink()
     staged.stage()
-    assert files(staged.staged) == {"sbin/nginx", "html/new.html"} | written
+    assert "html/removed.html" not in files(staged.staged)
 
 
-def test_stages_permissions_and_links_and_leaves_the_rest_in_its_place(staged):
-    page = staged.staged / "html/a b.html"
+@pytest.mark.parametrize("name", ["run/nginx.lock", "logs/access.log"])
+def test_keeps_what_nginx_wrote(staged, name):
+    write(staged.staged / name, "written")
+    staged.stage()
+    assert (staged.staged / name).read_text("ascii") == "written"
+
+
+def test_stages_permissions(staged):
+    page = staged.nginx / "html/private.html"
+    write(page, "text")
+    staged.stage()
+    page.chmod(0o600)
+    staged.stage()
+    assert stat.S_IMODE((staged.staged / "html/private.html").stat().st_mode) == 0o600
+
+
+def test_stages_a_link_as_a_link(staged):
     (staged.nginx / "html/link").symlink_to("a b.html")
-    (staged.nginx / "html/a b.html").chmod(0o600)
+    staged.stage()
+    assert os.readlink(staged.staged / "html/link") == "a b.html"
+
+
+def test_leaves_what_did_not_change_in_its_place(staged):
+    page = staged.staged / "html/a b.html"
     with open(page, encoding="ascii") as before:  # so that its number is not given again
         staged.stage()
         assert page.stat().st_ino == os.fstat(before.fileno()).st_ino
-    assert os.readlink(staged.staged / "html/link") == "a b.html"
-    assert stat.S_IMODE(page.stat().st_mode) == 0o600
 
 
-def test_replaces_programs_that_run(staged, ending):
-    shutil.copy("/bin/sleep", staged.nginx / "sbin/nginx")
+@pytest.mark.parametrize(("source", "target"), [
+    ("my server", "rpcServer/MacOs/rpcServer"),
+    ("my+nginx dir/sbin/other", "nginx/sbin/other")], ids=["server", "nginx"])
+def test_replaces_a_program_that_runs(staged, ending, source, target):
+    program, source = staged.bundle / target, staged.directory / source
+    shutil.copy("/bin/sleep", source)
     staged.stage()
-    for source, program in ((staged.server, staged.program),
-                            (staged.nginx / "sbin/nginx", staged.staged / "sbin/nginx")):
-        running = ending.enter_context(subprocess.Popen([program, "600"]))
-        ending.callback(running.kill)
-        with open(source, "ab") as newer:
-            newer.write(b"a newer build")
-        staged.stage()
-        assert running.poll() is None
-        assert program.read_bytes() == source.read_bytes()
+    running = ending.enter_context(subprocess.Popen([program, "600"]))
+    ending.callback(running.kill)
+    with open(source, "ab") as newer:
+        newer.write(b"a newer build")
+    staged.stage()
+    assert program.read_bytes() == source.read_bytes()
+    assert running.poll() is None
 
 
-def test_goes_back_to_the_sample_and_leaves_nothing_behind(staged):
-    staged.configure("-UORVANE_NGINX_DIR", "-UORVANE_RPC_SERVER")
-    staged.cmake("--build", staged.build, "--target", "stage_nginx")
-    sample = staged.project / "bundle/nginx"
-    assert files(staged.staged) == files(sample)
-    assert (staged.staged / "sbin/nginx").read_bytes() == (sample / "sbin/nginx").read_bytes()
-    assert "Linking CXX executable bundle/rpcServer/rpcServer" in staged.plan(
+@pytest.fixture(scope="module")
+def went_back(project):
+    """A tree that stages the sample after it has staged the integrator's services."""
+    with tempfile.TemporaryDirectory(prefix="orvane-test-") as directory:
+        made = configured(project, directory)
+        made.configure("-UORVANE_NGINX_DIR", "-UORVANE_RPC_SERVER")
+        made.cmake("--build", made.build, "--target", "stage_nginx")
+        yield made
+
+
+def test_goes_back_to_the_samples_files_and_leaves_no_other(went_back):
+    assert files(went_back.staged) == files(went_back.project / "bundle/nginx")
+
+
+def test_goes_back_to_the_samples_nginx(went_back):
+    sample = went_back.project / "bundle/nginx/sbin/nginx"
+    assert (went_back.staged / "sbin/nginx").read_bytes() == sample.read_bytes()
+
+
+def test_goes_back_to_the_samples_server(went_back):
+    assert "Linking CXX executable bundle/rpcServer/rpcServer" in went_back.plan(
         "--target", "stage_rpc_server")
 
 
-def test_installs_them_without_what_nginx_wrote(staged):
-    write(staged.nginx / "html/run/page.html", "a page")
-    for name in ("MacOS/orvane", "Resources/orvane.icns"):  # in the place of what a build makes
-        write(staged.bundle / "Contents" / name, "")
-    staged.configure(f"-DORVANE_NGINX_DIR={staged.nginx}/")
-    staged.cmake("--install", staged.build, "--prefix", staged.directory / "prefix")
-    app = staged.directory / "prefix/orvane.app"
-    assert files(app / "nginx") == {"html/a b.html", "html/run/page.html", "sbin/nginx"}
-    assert files(app / "rpcServer") == {"MacOs/rpcServer"}
-    assert (app / "rpcServer/MacOs/rpcServer").read_bytes() == staged.server.read_bytes()
-    for name in ("Contents/MacOS/orvane-launcher", "nginx/sbin/nginx", "rpcServer/MacOs/rpcServer"):
-        assert os.access(app / name, os.X_OK), name
+@pytest.fixture(scope="module")
+def installed(project):
+    """The tree whose bundle is installed in `directory`/prefix."""
+    with tempfile.TemporaryDirectory(prefix="orvane-test-") as directory:
+        made = configured(project, directory)
+        write(made.nginx / "html/run/page.html", "a page")
+        for name in ("MacOS/orvane", "Resources/orvane.icns"):  # in the place of a whole build
+            write(made.bundle / "Contents" / name, "")
+        made.configure(f"-DORVANE_NGINX_DIR={made.nginx}/")
+        made.cmake("--install", made.build, "--prefix", made.directory / "prefix")
+        yield made
 
 
-@pytest.mark.parametrize(("name", "path"), [
+def test_installs_the_nginx_directory_without_what_nginx_wrote(installed):
+    assert files(installed.directory / "prefix/orvane.app/nginx") == {
+        "html/a b.html", "html/run/page.html", "sbin/nginx"}
+
+
+def test_installs_the_server_and_nothing_beside_it(installed):
+    assert files(installed.directory / "prefix/orvane.app/rpcServer") == {"MacOs/rpcServer"}
+
+
+def test_installs_the_server_as_it_is(installed):
+    program = installed.directory / "prefix/orvane.app/rpcServer/MacOs/rpcServer"
+    assert program.read_bytes() == installed.server.read_bytes()
+
+
+@pytest.mark.parametrize("program", [
+    "Contents/MacOS/orvane-launcher", "nginx/sbin/nginx", "rpcServer/MacOs/rpcServer"])
+def test_installs_a_program_that_can_be_executed(installed, program):
+    assert os.access(installed.directory / "prefix/orvane.app" / program, os.X_OK)
+
+
+@pytest.mark.parametrize(("variable", "name"), [
     ("ORVANE_NGINX_DIR", "missing"), ("ORVANE_NGINX_DIR", "my server"),
-    ("ORVANE_RPC_SERVER", "missing"), ("ORVANE_RPC_SERVER", "my+nginx dir")])
-def test_refuses_a_path_that_does_not_exist(tree, name, path):
-    output = tree.configure(f"-D{name}={tree.directory / path}", fails=True)
-    line, = (line for line in output.splitlines() if str(tree.directory / path) in line)
-    assert re.search(f"{name}: there is no (directory|file) ", line)
+    ("ORVANE_RPC_SERVER", "missing"), ("ORVANE_RPC_SERVER", "my+nginx dir")],
+    ids=["no nginx directory", "a file for nginx", "no server", "a directory for the server"])
+def test_refuses_a_path_that_is_not_what_it_must_be(tree, variable, name):
+    output = tree.configure(f"-D{variable}={tree.directory / name}", fails=True)
+    line, = (line for line in output.splitlines() if str(tree.directory / name) in line)
+    assert re.search(f"{variable}: there is no (directory|file) ", line)
