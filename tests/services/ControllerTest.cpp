@@ -16,8 +16,6 @@
 
 using namespace Services;
 
-namespace {
-
 /// Where the two controllers differ.
 template <typename>
 struct Differences;
@@ -39,6 +37,8 @@ struct Differences<RpcServer>
     static constexpr int signalsOfARow = 0; // it asks for a repaint in place of it
     inline static const QString &program = rpcServer;
 };
+
+namespace {
 
 // CONTROLLER is the class that this is built for.
 constexpr bool isNginx = std::is_same_v<CONTROLLER, Nginx>;
