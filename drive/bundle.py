@@ -12,6 +12,7 @@ import socket
 import subprocess
 import tempfile
 from pathlib import Path
+from typing import NamedTuple
 
 import psutil
 
@@ -143,6 +144,13 @@ class ThrowAway(Bundle):
         return min(len(self.pids("nginx")), len(self.pids("rpc"))) >= times
 
 
+class Ended(NamedTuple):
+    """How a command ended."""
+
+    status: int
+    output: str
+
+
 class Nginx:
     """The nginx of a bundle, started and stopped by one user with the launcher's commands.
 
@@ -150,6 +158,7 @@ class Nginx:
     is false. Another user than this one takes root, and a `directory` that it may look into.
     """
 
+    START = "cd {} && sbin/nginx"
     PLAIN = {"PATH": "/usr/local/bin:/usr/bin:/bin"}  # an environment without a home
 
     def __init__(self, directory, shipped, user=None, environment=None, writable=True):
@@ -184,9 +193,14 @@ class Nginx:
         return self.output_file.read_text(encoding="utf-8")
 
     @property
-    def pid_file(self):
-        """Where nginx notes its process id, when it writes in its own directory."""
-        return self.directory / "run/nginx.pid"
+    def run_directory(self):
+        """Where it writes, when its user may write in its own directory."""
+        return self.directory / "run"
+
+    @property
+    def serving_file(self):
+        """What is locked as long as it runs, and says which process it is."""
+        return self.run_directory / "serving"
 
     def _as_user(self):
         user = {} if os.getuid() else {"user": self.user, "group": self.user, "extra_groups": []}
@@ -194,19 +208,27 @@ class Nginx:
                 "stderr": subprocess.STDOUT, **user}
 
     def run(self, *arguments, script="sbin/nginx", cwd=None, before=()):
-        """Runs the script to its end. Returns its exit status and its output."""
+        """Runs the script to its end. Returns how it Ended."""
         with tempfile.NamedTemporaryFile(dir=self.bundle.path) as output:
             os.chmod(output.name, 0o666)
             done = subprocess.run([*before, script, *arguments], cwd=cwd or self.directory,
                                   stdout=output, timeout=30, check=False, **self._as_user())
-            return done.returncode, Path(output.name).read_text(encoding="utf-8")
+            return Ended(done.returncode, Path(output.name).read_text(encoding="utf-8"))
 
-    def start(self, stdout=None, command="cd {} && sbin/nginx"):
-        """The launcher's start command; does not wait."""
+    def _popen(self, words, stdout=None):
         with open(self.output_file, "ab") as output:
             self.children.append(subprocess.Popen(
-                ["/bin/bash", "-c", command.format(self.directory)], cwd="/",
-                stdout=stdout or output, **self._as_user()))
+                words, cwd="/", stdout=stdout or output, **self._as_user()))
+        return self.child
+
+    def start(self, stdout=None, command=START):
+        """The launcher's start command, of which this process is the launcher; does not wait."""
+        self._popen(["/bin/bash", "-c", command.format(self.directory)], stdout)
+
+    def start_elsewhere(self, command=START):
+        """The start command from another launcher, whose subprocess.Popen it returns."""
+        return self._popen(["/bin/sh", "-c", '/bin/bash -c "$0" & exec sleep infinity',
+                            command.format(self.directory)])
 
     def deploy(self, **how):
         """Starts it and waits until it serves. Raises ChildProcessError if it ends instead."""
@@ -231,7 +253,7 @@ class Nginx:
         return bool(self.addresses())
 
     def stop_command(self):
-        """Runs the launcher's stop command. Returns its exit status and its output."""
+        """Runs the launcher's stop command. Returns how it Ended."""
         return self.run("-c", f"cd {self.directory} && sbin/nginx -s stop", script="/bin/sh",
                         cwd="/")
 
@@ -241,10 +263,14 @@ class Nginx:
         self.child.wait()
 
     def stop(self):
-        """What the launcher does: the stop command, then SIGKILL. Returns the command's answer."""
+        """What the launcher does: the stop command, then SIGKILL. Returns how the command Ended."""
         answer = self.stop_command()
         self.kill()
         return answer
+
+    def pids(self):
+        """Returns the ids of the running processes of this bundle."""
+        return [process.pid for process in self.left()]
 
     def left(self):
         """Returns the running processes (psutil.Process) of this bundle."""

@@ -1,10 +1,13 @@
 """Who runs the tests of the services, what the machine lets them do, and what they share."""
 
+import fcntl
 import os
 import pwd
 import subprocess
+from contextlib import contextmanager
 from pathlib import Path
 
+import psutil
 import pytest
 
 from drive.bundle import SITE_PORT, port_open
@@ -42,10 +45,38 @@ takes_ipv6 = pytest.mark.skipif(not has_ipv6(), reason="there is no IPv6 here")
 takes_a_mount = pytest.mark.skipif(not can_mount(), reason="takes a mount of its own")
 
 
+@contextmanager
+def locked(path, how=fcntl.LOCK_EX):
+    """Holds a lock of this file or directory; raises BlockingIOError if others hold one."""
+    descriptor = os.open(path, os.O_RDONLY)
+    try:
+        fcntl.flock(descriptor, how | fcntl.LOCK_NB)
+        yield
+    finally:
+        os.close(descriptor)
+
+
+def is_locked(path):
+    """Returns whether somebody holds a lock of it."""
+    try:
+        with locked(path):
+            return False
+    except BlockingIOError:
+        return True
+
+
+def waits_for_the_port(nginx):
+    """Returns whether the start that is under way has found the port taken, and looks again."""
+    return nginx.run_directory.exists() and any(
+        process.name() == "perl" and str(SITE_PORT) in process.cmdline()
+        for process in psutil.Process(nginx.child.pid).children(recursive=True))
+
+
 def assert_one_line(output, *words):
     """It is one line, which has the words."""
-    assert output.count("\n") == 1, output
-    assert [word for word in words if word not in output] == [], output
+    assert output.count("\n") == 1, f"one line expected, seen: {output!r}"
+    missing = [word for word in words if word not in output]
+    assert not missing, f"expected: {missing}, seen: {output!r}"
 
 
 def assert_nothing_left(nginx):
