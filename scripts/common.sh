@@ -3,7 +3,7 @@
 
 set -euo pipefail
 
-project=$(CDPATH='' cd -- "$(dirname "$0")/.." && pwd -P)
+project=$(CDPATH='' cd -- "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 current_step=start
 policy=/usr/sbin/policy-rc.d
 made_policy=
