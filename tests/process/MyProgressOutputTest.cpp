@@ -200,24 +200,26 @@ private slots:
         QCOMPARE(pipeAfter(start, kind), waiting + start.childWrites);
     }
 
-    void fullBufferIsNotTheChildsThatStarts_data() { addFillLevels(); }
+    void fullBufferIsNotTheChildsThatStarts_data() { addFillLevelsWith(goodStarts); }
 
     void fullBufferIsNotTheChildsThatStarts()
     {
         QFETCH(int, waitingBytes);
+        QFETCH(Start, start);
         const StandardOutput output;
         std::printf("%s", dots(waitingBytes).constData());
         Recorder runner;
-        runner.createProgress("", "echo hello");
-        QCOMPARE(wholeOutput(runner), QByteArray("hello\n"));
+        runner.createProgress(start.path, start.command);
+        QCOMPARE(wholeOutput(runner), start.childWrites);
     }
 
-    void fullBufferReachesThePipeWithAFailedStart_data() { addFillLevels(); }
+    void fullBufferReachesThePipeWithAFailedStart_data() { addFillLevelsWith(failedStarts); }
 
     /// What has left the buffer before the fork is the launcher's alone.
     void fullBufferReachesThePipeWithAFailedStart()
     {
         QFETCH(int, waitingBytes);
+        QFETCH(Start, start);
         const StandardOutput output;
         const QByteArray lines = dots(waitingBytes);
         std::printf("%s", lines.constData());
@@ -226,10 +228,10 @@ private slots:
         SystemCalls::record(runner.running);
         SystemCalls::at("fork",
                         [&] { flushedBytes = static_cast<int>(QFileInfo("/dev/stdout").size()); });
-        runner.createProgress("/etc/passwd", "");
+        runner.createProgress(start.path, start.command);
         SystemCalls::stop();
         QCOMPARE(counted(wholeOutput(runner)),
-                 counted((lines + pipeLine).mid(flushedBytes) + childLine + programFailed));
+                 counted((lines + pipeLine).mid(flushedBytes) + start.childWrites));
     }
 
     void exitHandlersOfTheLauncherStayOutOfTheChild()
@@ -291,12 +293,15 @@ private:
 
     /// So many bytes of the launcher's own lines, "Pipe ready" among them, are printed until the
     /// fork: from where the buffer takes the child's line as well to where it was emptied before.
-    static void addFillLevels()
+    static void addFillLevelsWith(const std::array<Start, 2> &starts)
     {
         QTest::addColumn<int>("waitingBytes");
+        QTest::addColumn<Start>("start");
         const int full = bufferBytes;
         for (int bytes = full - 36; bytes <= full + 14; ++bytes) {
-            QTest::addRow("%d bytes", bytes) << bytes;
+            for (const Start &start : starts) {
+                QTest::addRow("%d bytes; %s", bytes, start.name) << bytes << start;
+            }
         }
     }
 
