@@ -125,12 +125,15 @@ class Tree:
             folder = path.parent.relative_to(self.source)
             if path.suffix in COMPILED and not self.make(f"{folder}/all")[0]:
                 return Verdict.INVALID
-            # Nothing may be left over that the build would not make any more, so not by way of it.
-            if path.suffix in DESCRIBES_THE_BUILD and not self.run("cmake", ".")[0]:
+            if path.suffix in DESCRIBES_THE_BUILD and not self.describe_anew():
                 return Verdict.NOTICED
             return self.verdict_of_tests(change.file)
         finally:
             path.write_text(original)
+
+    def describe_anew(self):
+        """Configures, and removes what would not be built any more. Returns whether that went."""
+        return self.run("cmake", ".")[0] and self.run("ninja", "-t", "cleandead")[0]
 
     def verdict_of_tests(self, file):
         """Runs the tests of a file until one fails: first what has noticed most, then the quick."""
