@@ -17,8 +17,10 @@ WORK = PROJECT / "build/mutate"  # the trees
 HANG_SECONDS = 30  # more than a test takes without a change
 # A changed launcher may signal whatever it can reach and leave children behind, and root's changed
 # installation may write anywhere. What runs here sees only the processes of a namespace of its own,
-# which ends with it (unshare(1)), and root a root file system that is read-only but for two places.
-ISOLATED = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc"]
+# which ends with it (unshare(1)) and with this program, and root a root file system that is
+# read-only but for two places.
+ISOLATED = ["setpriv", "--pdeathsig", "KILL",
+            "unshare", "--pid", "--fork", "--kill-child", "--mount-proc"]
 WRITABLE = [tempfile.gettempdir(), str(PROJECT / "build")]
 if os.getuid() != 0:
     ISOLATED += ["--user", "--map-root-user"]
