@@ -28,6 +28,8 @@ COVERED = (  # the first that fits a file
     Covered("docs/example/*", "bundle_(ports|rpc_duties)|endtoend_bundling_example"),
     Covered("scripts/demo", "endtoend_demo"),
     Covered("scripts/fuzz", "bundle_fuzz|scripts_"),
+    Covered("scripts/releases", "scripts_releases"),
+    Covered("tests/releases/*", "scripts_releases"),
     Covered("scripts/*", "scripts_"),
     Covered("packaging/Icon.cmake", "package_contents|bundle_staging|scripts_configuration"),
     Covered("packaging/linux/*inst.in", "package_installed"),
