@@ -1,5 +1,7 @@
 # cmake --build --preset release --target package: the packages, in build/release/packages/.
 
+set(ORVANE_DEBIAN_DEPENDS nginx CACHE STRING "Debian packages that the two services take")
+
 set(CPACK_PACKAGE_VENDOR "The Orvane Launcher developers")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "launcher for the local services of the Orvane video product")
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
@@ -22,7 +24,10 @@ else()
     set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${ORVANE_MAINTAINER})
     set(CPACK_DEBIAN_PACKAGE_SECTION video)
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-    set(CPACK_DEBIAN_PACKAGE_DEPENDS nginx)
+    # In a session without X the launcher takes the toolkit's Wayland plugin, without which it ends
+    # before its window comes. The toolkit recommends it by way of another package only.
+    string(JOIN ", " depends qtwayland5 ${ORVANE_DEBIAN_DEPENDS})
+    set(CPACK_DEBIAN_PACKAGE_DEPENDS ${depends})
     set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "firefox-esr | chromium | www-browser")
     set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
         "One button starts the two services that the product needs on this machine,

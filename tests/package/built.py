@@ -37,6 +37,12 @@ def deb():
     return only(f"{PACKAGE}_{version()}-*.deb")
 
 
+def dependencies(package):
+    """Returns the names of the packages that a Debian package depends on, the first choices."""
+    groups = run("dpkg-deb", "--field", package, "Depends").strip().split(", ")
+    return [group.split()[0] for group in groups]
+
+
 def menu_entry(root, key):
     """Returns a value of the menu entry of the system at `root`."""
     entry = (root / f"usr/share/applications/{APP_ID}.desktop").read_text()
