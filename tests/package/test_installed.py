@@ -7,6 +7,7 @@ of this goes with it. The system, which clean_root has made, is unpacked in memo
 import json
 import os
 from pathlib import Path
+from typing import NamedTuple
 
 import psutil
 import pytest
@@ -16,6 +17,12 @@ from drive.browser import Browser
 from drive.bundle import ask
 from drive.desktop import Desktop, Launcher, use
 from drive.processes import running, wait_for
+
+pytestmark = [
+    pytest.mark.skipif(os.getpid() != 1, reason="takes a process namespace of its own"),
+    pytest.mark.skipif(not (PROJECT / "build/clean-root.tar").exists(),
+                       reason="takes a clean system"),
+    pytest.mark.timeout(300)]  # it unpacks a system and installs in it
 
 USER = "alice"
 ENVIRONMENT = {"HOME": f"/home/{USER}", "USER": USER, "LOGNAME": USER, "SHELL": "/bin/bash",
@@ -96,36 +103,80 @@ class System:
         assert left == []
 
 
-@pytest.mark.skipif(os.getpid() != 1 or not ARCHIVE.exists(), reason="takes a clean system")
-@pytest.mark.timeout(300)  # it unpacks a system and installs in it
-def test_package_serves_an_ordinary_user_and_leaves_nothing():
+class Seen(NamedTuple):
+    """What a package's life in the system showed. A listing is what System.listing() returns."""
+
+    installing: str  # what apt said
+    upgrading: str  # what dpkg said
+    configuring_masked: str  # what the package's script said where nginx is masked
+    shipped: set  # the listing once it was installed
+    changed_by_use: set  # in the listing, by the session of a user
+    state_of_the_user: bool  # that the user's own directory of state is there
+    run_of_root: bool  # that nginx, started by root, has written in the bundle
+    run_after_upgrade: bool  # that this is still there
+    left: set  # of the listing, by a purge
+
+
+@pytest.fixture(scope="module")
+def seen():
+    """One life: installed, used, written in by root, upgraded, purged."""
     system = System()
     system.put(BUILD / "landmarks", "landmarks")
     system.put(deb(), "new.deb")
     before = system.listing()
-
     # Without a network: the package needs nothing but what it says.
-    said = system.enter("apt-get", "install", "-qy", "--no-install-recommends", "/tmp/new.deb")
-    assert "systemctl disable --now nginx" in said  # which Debian's own package has started
+    installing = system.enter("apt-get", "install", "-qy", "--no-install-recommends",
+                              "/tmp/new.deb")
     shipped = system.listing()
-    assert f"{SYSTEM_APP} drwxr-xr-x 0:0" in shipped
-
     system.use_the_package()
-    assert (system.root / f"home/{USER}/.local/state/orvane").is_dir()
-    changed = system.listing() ^ shipped
-    assert changed == set()
-
-    # Root can write in the bundle, and what nginx has written there goes with the package.
+    changed_by_use = system.listing() ^ shipped
     system.enter(f"/{SYSTEM_APP}/nginx/sbin/nginx", "-t")
-    assert (system.root / SYSTEM_APP / "nginx/run").is_dir()
-    # An upgrade says nothing again, and keeps that; nor does it where nginx is masked.
-    assert "disable --now" not in system.enter("dpkg", "--install", "/tmp/new.deb")
-    assert (system.root / SYSTEM_APP / "nginx/run").is_dir()
+    written = system.root / SYSTEM_APP / "nginx/run"
+    run_of_root = written.is_dir()
+    upgrading = system.enter("dpkg", "--install", "/tmp/new.deb")
+    run_after_upgrade = written.is_dir()
     masked = system.root / "etc/systemd/system/nginx.service"
     masked.symlink_to("/dev/null")
-    assert system.enter(f"/var/lib/dpkg/info/{PACKAGE}.postinst", "configure") == ""
+    configuring_masked = system.enter(f"/var/lib/dpkg/info/{PACKAGE}.postinst", "configure")
     masked.unlink()
     system.enter("apt-get", "purge", "-qy", PACKAGE)
+    return Seen(installing, upgrading, configuring_masked, shipped, changed_by_use,
+                (system.root / f"home/{USER}/.local/state/orvane").is_dir(), run_of_root,
+                run_after_upgrade, system.listing() ^ before)
+
+
+def test_bundle_is_the_administrators(seen):
+    assert f"{SYSTEM_APP} drwxr-xr-x 0:0" in seen.shipped
+
+
+def test_first_installation_says_how_to_end_debians_own_web_server(seen):
+    assert "service nginx stop && update-rc.d nginx disable" in seen.installing
+
+
+def test_upgrade_says_nothing_of_it(seen):
+    assert "nginx disable" not in seen.upgrading
+
+
+def test_nothing_is_said_where_nginx_is_masked(seen):
+    assert seen.configuring_masked == ""
+
+
+def test_use_by_an_ordinary_user_changes_nothing_outside_of_the_home(seen):
+    assert seen.changed_by_use == set()
+
+
+def test_nginx_of_root_writes_in_the_bundle(seen):
+    assert seen.run_of_root
+
+
+def test_upgrade_keeps_what_nginx_of_root_has_written(seen):
+    assert seen.run_after_upgrade
+
+
+def test_purge_leaves_what_nginx_of_a_user_has_written(seen):
+    assert seen.state_of_the_user
+
+
+def test_purge_leaves_nothing_else(seen):
     # dpkg removes /opt too when it is empty then: base-files made it, but no package owns it.
-    left = system.listing() ^ before
-    assert left <= {"opt drwxr-xr-x 0:0"}
+    assert seen.left <= {"opt drwxr-xr-x 0:0"}
