@@ -10,30 +10,37 @@
 #include <string>
 #include <unistd.h>
 
-#define CONSTRUCTOR _ZN16QStringListModelC1ERK11QStringListP7QObject
-#define TEXT_OF(name) #name
-#define NAME_OF(macro) TEXT_OF(macro)
-
 namespace {
 
-int file = -1;
+constexpr const char *constructorName = "_ZN16QStringListModelC1ERK11QStringListP7QObject";
+using Constructor = void (*)(void *model, const QStringList &rows, void *parent);
 
 /// Runs before the launcher's main(). What the launcher starts is not to be preloaded.
-[[gnu::constructor]] void openFile()
+[[gnu::constructor]] void prepare()
 {
-    file = open(std::getenv("ORVANE_ROWS"), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    unsetenv("LD_PRELOAD");
+    unsetenv("LD_PRELOAD"); // NOLINT(concurrency-mt-unsafe): there is one thread yet
+}
+
+int openFile()
+{
+    const char *name = std::getenv("ORVANE_ROWS"); // NOLINT(concurrency-mt-unsafe): nobody sets it
+    return open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
 }
 
 } // namespace
 
-extern "C" void CONSTRUCTOR(void *model, const QStringList &rows, void *parent)
+// NOLINTBEGIN(bugprone-reserved-identifier,*-reinterpret-cast): the names and types of the linker
+extern "C" void
+_ZN16QStringListModelC1ERK11QStringListP7QObject(void *model, const QStringList &rows, void *parent)
 {
+    static const int file = openFile();
+    static const auto constructor =
+        reinterpret_cast<Constructor>(dlsym(RTLD_NEXT, constructorName));
     const std::string line =
         std::to_string(rows.size()) + ' ' + rows.constFirst().toStdString() + '\n';
     if (write(file, line.data(), line.size()) < 0) {
         std::abort();
     }
-    using Constructor = void (*)(void *, const QStringList &, void *);
-    reinterpret_cast<Constructor>(dlsym(RTLD_NEXT, NAME_OF(CONSTRUCTOR)))(model, rows, parent);
+    constructor(model, rows, parent);
 }
+// NOLINTEND(bugprone-reserved-identifier,*-reinterpret-cast)
