@@ -3,6 +3,7 @@
 import fcntl
 import os
 import pwd
+import re
 import subprocess
 from contextlib import contextmanager
 from pathlib import Path
@@ -77,6 +78,17 @@ def assert_one_line(output, *words):
     assert output.count("\n") == 1, f"one line expected, seen: {output!r}"
     missing = [word for word in words if word not in output]
     assert not missing, f"expected: {missing}, seen: {output!r}"
+
+
+def rows(nginx):
+    """Returns its rows without their times, once it has ended every connection: only then has it
+    written all."""
+    process, = nginx.left()
+    wait_for("the end of nginx's connections", lambda: {
+        connection.status for connection in process.connections()} == {psutil.CONN_LISTEN})
+    lines = nginx.output.splitlines()
+    assert [line for line in lines if not re.match("[0-9]{2}:[0-9]{2}:[0-9]{2} ", line)] == []
+    return [line.partition(" ")[2] for line in lines]
 
 
 def assert_nothing_left(nginx):

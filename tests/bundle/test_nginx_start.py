@@ -13,7 +13,7 @@ from typing import NamedTuple
 
 import psutil
 import pytest
-from machine import (JSON, ME, USERS, assert_nothing_left, assert_one_line, has_ipv6, is_locked,
+from machine import (ME, USERS, assert_nothing_left, assert_one_line, has_ipv6, is_locked,
                      takes_a_mount, takes_ipv6, waits_for_the_port, with_mount)
 
 from drive.bundle import SITE, SITE_PORT, Nginx, ask
@@ -92,17 +92,6 @@ def test_serves_where_there_is_no_ipv6(deploy_nginx, ending):
     switch.write_text("1", encoding="ascii")
     ending.callback(switch.write_text, "0", encoding="ascii")
     assert deploy_nginx().addresses() == {"127.0.0.1"}
-
-
-def test_writes_one_line_for_each_request(deploy_nginx):
-    nginx = deploy_nginx()
-    for path in ("/", "/missing", "/" + "x" * 4000, "/two%0alines"):
-        ask(path)
-    ask("/rpc", "{}", headers=JSON)  # of the RPC server, which does not answer
-    wait_for("five lines", lambda: nginx.output.count("\n") >= 5)
-    assert re.sub(r"(?m)^\d\d:\d\d:\d\d ", "", nginx.output).splitlines() == [
-        "200 GET /", "404 GET /missing", "404 GET /" + "x" * 59, "404 GET /two%0alines",
-        "502 POST /rpc"]
 
 
 def test_serves_on_when_nobody_reads_its_output(make_nginx):
