@@ -26,6 +26,42 @@ def wait_for(what, condition, seconds=PATIENCE):
     return value
 
 
+class GaveUp(Exception):
+    """A step took too long. Nothing else raises it, so that no library takes it for its own."""
+
+
+class Steps:
+    """Prints the steps of what a user looks at, each when it is called with the step's name. A step
+    that takes long is printed again every `remind` seconds, and raises GaveUp after `seconds`. For
+    the main thread, since it takes SIGALRM.
+    """
+
+    def __init__(self, title, seconds=90, remind=10):
+        self.title, self.seconds, self.remind = title, seconds, remind
+        self.current, self._began = "start", time.monotonic()
+
+    def __enter__(self):
+        signal.signal(signal.SIGALRM, self._still_waiting)
+        signal.setitimer(signal.ITIMER_REAL, self.remind, self.remind)
+        return self
+
+    def __exit__(self, *_):
+        signal.setitimer(signal.ITIMER_REAL, 0)
+
+    def __call__(self, what):  # noqa: D102
+        self.current, self._began = what, time.monotonic()
+        print(f"{self.title}: {what}", flush=True)
+        signal.setitimer(signal.ITIMER_REAL, self.remind, self.remind)
+
+    def _still_waiting(self, *_):
+        waited = time.monotonic() - self._began
+        if waited >= self.seconds:
+            self._began = time.monotonic()  # what ends now may take as long again
+            raise GaveUp(f"given up after {self.seconds} s")
+        print(f"{self.title}: still waiting after {waited:.0f} s, gives up after {self.seconds} s: "
+              f"{self.current}", flush=True)
+
+
 def running(process):
     """Returns whether it runs. A child that nobody has waited for (a zombie) does not."""
     try:

@@ -16,7 +16,7 @@ APART = ["setpriv", "--pdeathsig", "KILL",
 
 
 def run(system, options):
-    """Makes the system and runs the tests in it, with these options of CTest. Returns the Outcome."""
+    """Makes the system and runs the tests in it, with these options of CTest."""
     directory = WORK / system.name
     results = directory / "results"
     results.mkdir(parents=True, exist_ok=True)
