@@ -391,3 +391,10 @@ def test_says_that_the_disk_is_full(make_nginx, options):
 def test_says_that_perl_does_not_run(make_nginx):
     start = make_nginx().run(before=with_mount("--bind /dev/null /usr/bin/perl"))
     assert_one_line(start.output, "perl failed", "Permission denied", "[Deploy Service]")
+
+
+@pytest.mark.skipif(shutil.which("strace") is None, reason="takes strace")
+def test_says_that_the_disk_has_no_locks(make_nginx):
+    start = make_nginx().run(before=[
+        "strace", "--follow-forks", "--output=/dev/null", "--inject=flock:error=ENOLCK"])
+    assert_one_line(start.output, "perl failed", "No locks available", "[Deploy Service]")
