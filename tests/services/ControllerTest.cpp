@@ -264,7 +264,7 @@ private slots:
         QCOMPARE(controller->launchRequested, true);
     }
 
-    void nginxIsStartedInItsFolder()
+    void onlyNginxIsStartedInItsFolder()
     {
         start(noting("$0 in $PWD with $# arguments"));
         const QString root = BundleTest::root();
@@ -276,7 +276,7 @@ private slots:
 
     /// What BASH_ENV names, bash(1) reads before it runs a command or a script: nginx comes by a
     /// shell with the environment, the RPC server by itself and without.
-    void nginxIsStartedByAShellWithTheEnvironment()
+    void onlyNginxIsStartedByAShellWithTheEnvironment()
     {
         const QString root = BundleTest::root();
         BundleTest::writeScript("environment", noting("$0 reads it: $BASH_EXECUTION_STRING"));
