@@ -74,9 +74,9 @@ class Browser:
         """Returns what the page's moving picture looks like."""
         return self.run("return document.querySelector('canvas').toDataURL()")
 
-    def run(self, script):
+    def run(self, script, *arguments):
         """Returns what the script, a function's body in the page, returns."""
-        return self._driver.execute_script(script)
+        return self._driver.execute_script(script, *arguments)
 
     @contextmanager
     def elsewhere(self, window=False):

@@ -2,6 +2,8 @@
 
 import signal
 from itertools import groupby
+from pathlib import Path
+from typing import NamedTuple
 
 import pytest
 from machine import JSON, OPEN
@@ -71,40 +73,52 @@ def test_shows_moving_pictures_after_the_channel_is_opened(page):
     assert 0 < page.dps() <= 30  # 25 a second, or what the machine manages
 
 
-@pytest.mark.parametrize(("delivered", "caught_up"), [(49, 11), (60, 21)])
-def test_draws_every_other_frame_while_it_is_behind_and_counts_all_that_it_draws(
-        page, delivered, caught_up):
-    page.run(f"""
-        const frames = Array.from({{length: {delivered}}}, (_, i) => ({{
-            number: i + 1, x: i + {501 - delivered}, y: 500, hue: 120}}));
-        const answers = [{{channel: 1}}, {{frames}}];
-        window.asked = [];
-        window.fetch = async (_, {{body}}) => {{
-            asked.push(JSON.parse(body).params);
-            return {{json: async () => ({{result: answers.shift()}})}};
-        }};
-        let clock = 0;
-        performance.now = () => clock += 500; // as if it counted for half a second each time
-        window.drawn = [];
-        CanvasRenderingContext2D.prototype.fillText = function (...words) {{
-            drawn.push([this.font, ...words].join(' '));
-        }};
-        window.counted = 0;
-        const count = new MutationObserver(() => counted += dps.textContent / 2);
-        count.observe(dps, {{childList: true}});""")
+class Delivery(NamedTuple):
+    """How many frames come at once, and from which one on each is drawn: 40 wait at most."""
+
+    frames: int
+    caught_up: int
+
+    @property
+    def drawn(self):
+        """The numbers of the frames that are drawn: every other one while the page is behind."""
+        behind = range(self.caught_up - 9, self.caught_up, 2)
+        return [*behind, *range(self.caught_up, self.frames + 1)]
+
+
+@pytest.fixture(params=[pytest.param(Delivery(49, 11), id="49 frames, fewer than it keeps"),
+                        pytest.param(Delivery(60, 21), id="60 frames, more than it keeps")])
+def delivery(request, page):
+    """A Delivery, of which the page has drawn and counted all that it draws."""
+    page.run(Path(__file__).with_name("deliver.js").read_text(encoding="utf-8"),
+             request.param.frames)
     page.click("open")
-    numbers = [*range(caught_up - 9, caught_up, 2), *range(caught_up, delivered + 1)]
-    wait_for("all are counted", lambda: page.run("return counted") == len(numbers))
-    assert page.run("return drawn") == [
-        f"22px sans-serif frame {number} 24 512" for number in numbers]
-    assert page.run("return asked")[:3] == [
-        None, {"channel": 1, "after": 0}, {"channel": 1, "after": delivered}]
+    wait_for("all are counted",
+             lambda: page.run("return seen.counted") == len(request.param.drawn))
+    return request.param
+
+
+def test_draws_every_other_frame_while_it_is_behind(page, delivery):
+    assert page.run("return seen.drawn") == [
+        f"22px sans-serif frame {number} 24 512" for number in delivery.drawn]
+
+
+def test_asks_for_what_comes_after_the_last_frame(page, delivery):
+    assert page.run("return seen.asked")[:3] == [
+        None, {"channel": 1, "after": 0}, {"channel": 1, "after": delivery.frames}]
+
+
+def test_says_that_the_services_do_not_answer(page, delivery):
     assert page.text("status") == "The services do not answer. Trying again."
-    assert page.frame() == delivered
-    xs, ys = page.run(PIXELS + """
-        const disc = pixels.flatMap(([r, g, b], i) => g > 1.5 * r ? [i] : []);
-        return [disc.map(i => i % 960), disc.map(i => Math.floor(i / 960))]""")
-    assert (min(xs), max(xs), min(ys), max(ys)) == (440, 519, 230, 309)
+
+
+def test_shows_the_last_frame_while_none_comes(page, delivery):
+    assert page.frame() == delivery.frames
+
+
+def test_draws_the_disc_where_the_frame_says(page, delivery):
+    disc = page.run(Path(__file__).with_name("disc.js").read_text(encoding="utf-8"))
+    assert disc == {"left": 440, "right": 519, "top": 230, "bottom": 309}
 
 
 def test_draws_eight_bars_that_grow_darker(playing):
