@@ -1,9 +1,13 @@
 """The launcher with the bundle's real nginx and RPC server."""
 
+import os
+import resource
+
 import psutil
 from steps import close, deploy_real, stop
 
 from drive.bundle import RPC_PORT, SITE_PORT, port_open, site_answers
+from drive.desktop import Launcher
 from drive.processes import running, wait_for
 
 
@@ -23,6 +27,20 @@ def test_deploy_redeploy_stop_deploy_and_close_right_after_a_redeploy(real, laun
     assert not port_open(RPC_PORT)
     deploy_real(launcher)
     launcher.click("deploy")
+    close(launcher)
+
+
+def test_services_run_beside_more_descriptors_than_select_can_hold(real, desktop, build, ending):
+    def leave_them_open():  # as many deploys do; the highest number that select(2) takes is 1,023
+        resource.setrlimit(resource.RLIMIT_NOFILE, (4096, 4096))
+        for number in range(3, 1500):
+            os.dup2(0, number)
+        os.execve(real.program, [real.program], desktop.environment)
+
+    launcher = ending.enter_context(Launcher(
+        desktop, real.program, landmarks=build / "landmarks", prepare=leave_them_open))
+    deploy_real(launcher)
+    stop(launcher)
     close(launcher)
 
 
