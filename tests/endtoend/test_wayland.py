@@ -1,7 +1,7 @@
 """The launcher under a real compositor, in a session that has no X server."""
 
 import pytest
-from steps import deploy
+from steps import deploy, settled
 
 from drive.compositor import Compositor
 from drive.desktop import Launcher
@@ -40,8 +40,9 @@ def deployed(launcher, services):
 
 
 def test_window_shows_what_it_shows_under_x(launcher, starter, launch):
-    expected = launch(starter).picture().tobytes()
-    wait_for("the same picture", lambda: launcher.picture().tobytes() == expected)
+    expected = settled(launch(starter).picture)
+    seen = settled(launcher.picture)
+    assert seen.tobytes() == expected.tobytes()
 
 
 def test_press_on_deploy_starts_both_services(deployed):
