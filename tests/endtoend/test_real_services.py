@@ -39,6 +39,7 @@ def test_services_run_beside_more_descriptors_than_select_can_hold(real, desktop
 
     launcher = ending.enter_context(Launcher(
         desktop, real.program, landmarks=build / "landmarks", prepare=leave_them_open))
+    assert len(os.listdir(f"/proc/{launcher.pid}/fd")) > 1024
     deploy_real(launcher)
     stop(launcher)
     close(launcher)
