@@ -48,7 +48,8 @@ def test_close_while_deployed_stops_the_services_and_waits_for_that(throw_away, 
     assert services.lines()[3:] == ["done"]
 
 
-@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
+@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM, signal.SIGINT, signal.SIGHUP],
+                         ids=lambda number: number.name)
 def test_killed_launcher_leaves_the_services_running(throw_away, launch, number):
     services = throw_away()
     launcher = launch(services.program)
