@@ -91,6 +91,16 @@ def test_later_run_of_a_test_replaces_the_earlier_one(outcome, directory):
     assert Outcome.read("trixie", directory, 0, 61).passed
 
 
+def test_test_that_got_what_it_needs_later_is_not_skipped(outcome, directory):
+    first = outcome("left_out", "passes")
+    assert "left_out" in first.tests
+    text = (directory / "results/1-tests.xml").read_text()
+    (directory / "results/1-tests.xml").write_text(
+        text.replace('"left_out"', '"passes.needs-plasma-integration"'))
+    write_down(directory, "passes").rename(directory / "results/2-desktop.xml")
+    assert list(Outcome.read("trixie", directory, 0, 61).tests) == ["passes"]
+
+
 def test_size_of_the_download_is_shown(outcome):
     log = "Need to get 1,234 kB/497 MB of archives.\nNeed to get 5 MB of archives.\n"
     assert outcome("passes", log=log).row().endswith("  497 MB")
