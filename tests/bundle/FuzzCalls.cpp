@@ -2,6 +2,7 @@
 
 #include "bundle/rpcServer/Calls.h"
 
+#include <cstdint>
 #include <cstdlib>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
