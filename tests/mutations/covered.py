@@ -33,6 +33,7 @@ COVERED = (  # the first that fits a file
     Covered("scripts/fuzz", "bundle_fuzz|scripts_"),
     Covered("scripts/releases", "scripts_releases"),
     Covered("tests/releases/*", "scripts_releases"),
+    Covered("benchmarks/bench.py", "scripts_bench"),
     Covered("scripts/*", "scripts_"),
     Covered("packaging/Icon.cmake", "package_contents|bundle_staging|scripts_configuration"),
     Covered("packaging/linux/orvane-launcher", "endtoend_(looks|start)"),
