@@ -35,6 +35,7 @@ NEEDED = {  # a package -> what the build or the tests take from it
     "lld": "/usr/bin/ld.lld",
     "mmdebstrap": "/usr/bin/mmdebstrap",
     "procps": "/usr/bin/ps",
+    "python3-markdown-it": "/usr/lib/python3/dist-packages/markdown_it/__init__.py",
     "python3-pytest": "/usr/lib/python3/dist-packages/pytest/__init__.py",
     "python3-pytest-timeout": "/usr/lib/python3/dist-packages/pytest_timeout.py",
     "clang-format-19": "/usr/bin/clang-format-19",
