@@ -103,7 +103,13 @@ def test_command_may_be_a_link_from_another_directory(home, told, directory):
                  id="Wayland is taken where there is no X"),
     pytest.param({"WAYLAND_DISPLAY": "w", "QT_QPA_PLATFORM": "vnc"}, "QT_QPA_PLATFORM", "vnc",
                  id="the user's platform stays"),
-    pytest.param({"WAYLAND_DISPLAY": "w", "DISPLAY": ":0"}, "QT_QPA_PLATFORM", None,
+    pytest.param({"WAYLAND_DISPLAY": "w", "QT_QPA_PLATFORM": ""}, "QT_QPA_PLATFORM", "wayland",
+                 id="an empty platform is none"),
+    pytest.param({"WAYLAND_DISPLAY": "w", "DISPLAY": ":4711"}, "QT_QPA_PLATFORM", "wayland",
+                 id="Wayland is taken where X has gone"),
+    pytest.param({"WAYLAND_SOCKET": "3"}, "QT_QPA_PLATFORM", "wayland",
+                 id="Wayland is taken where its socket is passed on"),
+    pytest.param({"WAYLAND_DISPLAY": "w", "DISPLAY": "elsewhere:0"}, "QT_QPA_PLATFORM", None,
                  id="the toolkit chooses where there are both"),
     pytest.param({"DISPLAY": ":0"}, "QT_QPA_PLATFORM", None,
                  id="the toolkit chooses where there is X"),
@@ -179,6 +185,22 @@ def test_nothing_is_said_of_a_compositor_that_is_there(name, directory, told):
         compositor.bind(str(place / "w"))
         assert told(WAYLAND_DISPLAY=name.format(directory),
                     XDG_RUNTIME_DIR=str(runtime)).errors == ""
+
+
+@pytest.mark.parametrize("session", [
+    pytest.param({"QT_QPA_PLATFORM": "wayland"}, id="the user names the platform"),
+    pytest.param({"XDG_SESSION_TYPE": "wayland"}, id="the session has this type")])
+def test_nothing_is_said_of_a_compositor_with_the_usual_name(session, directory, told):
+    with socket.socket(socket.AF_UNIX) as compositor:
+        compositor.bind(str(directory / "wayland-0"))
+        assert told(XDG_RUNTIME_DIR=str(directory), **session).errors == ""
+
+
+def test_compositor_with_the_usual_name_is_not_taken_unasked(directory, told):
+    with socket.socket(socket.AF_UNIX) as compositor:
+        compositor.bind(str(directory / "wayland-0"))
+        assert told(XDG_RUNTIME_DIR=str(directory)).errors.splitlines() == [
+            NO_DISPLAY.format("", "")]
 
 
 @pytest.mark.parametrize("number", [0, 1, 2], ids=["input", "output", "errors"])
