@@ -76,6 +76,13 @@ def test_may_open_more_connections_than_a_page_does(deploy_nginx):
     assert soft == min(4096, hard)
 
 
+def test_keeps_none_of_the_descriptors_that_came_along(make_nginx):
+    nginx = make_nginx()
+    nginx.deploy(command="exec 77</dev/zero && cd {} && sbin/nginx")
+    kept = [link.resolve() for link in Path(f"/proc/{nginx.child.pid}/fd").iterdir()]
+    assert Path("/dev/zero") not in kept
+
+
 def test_listens_on_loopback_only(deploy_nginx):
     assert deploy_nginx().addresses() == ({"127.0.0.1", "::1"} if has_ipv6() else {"127.0.0.1"})
 
