@@ -7,7 +7,7 @@ install(FILES ${ORVANE_BUNDLE_DIR}/Contents/Info.plist
 install(FILES ${ORVANE_BUNDLE_DIR}/Contents/Resources/orvane.icns
     DESTINATION ${app}/Contents/Resources COMPONENT bundle)
 
-# From where it was staged from, without what an nginx that ran there has written.
+# From the directory that was staged, without the files that an nginx has written there.
 get_filename_component(nginx ${ORVANE_NGINX_DIR} ABSOLUTE) # without a slash at its end
 string(REGEX REPLACE "([][+.*()^$?|\\\\])" "\\\\\\1" nginx_pattern "${nginx}")
 install(DIRECTORY ${nginx}/ DESTINATION ${app}/nginx COMPONENT bundle

@@ -29,7 +29,7 @@ step() {
     printf '== %s\n' "$1"
 }
 
-# Runs at the end, however it comes.
+# Runs when the script ends, in whatever way.
 finish() {
     local status=$?
     if [ -n "$made_policy" ]; then
@@ -71,7 +71,7 @@ apt_get() {
         apt-get -q -o DPkg::Lock::Timeout=600 "$@"
 }
 
-# apt itself waits for the lock of the packages (it says so), but not for the one of their lists.
+# apt itself waits for the lock of the packages and says so, but not for the lock of their lists.
 apt_update() {
     local said='' seen
     until seen=$(apt_get update 2>&1); do
@@ -89,9 +89,9 @@ apt_update() {
 }
 
 # Debian starts a service when its package is installed, and again at each boot. The launcher starts
-# nginx by itself and on a port of its own, so while the packages go in, the machine is told to start
-# none of theirs (invoke-rc.d(8); a policy that is there already stays), and those that came with
-# them stay off.
+# nginx by itself, on a port of its own. So a policy forbids these starts while the packages are
+# being installed (invoke-rc.d(8); a policy that is there already stays), and services that came
+# with the packages stay off.
 apt_install() {
     local service
     if [ ! -e "$policy" ]; then

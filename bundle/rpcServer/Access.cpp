@@ -41,7 +41,7 @@ bool isOwnFetch(const std::string &site)
     return site.empty() || site == "same-origin";
 }
 
-// A foreign page can declare its body so only after it has asked, which is refused.
+// A foreign page can declare its body as JSON only after it has asked, and that is refused.
 bool isJson(const std::string &type)
 {
     const std::string json = "application/json";

@@ -86,8 +86,8 @@ void HttpServer::onRequestEnd(void * /*self*/, MHD_Connection * /*connection*/, 
     delete static_cast<std::string *>(*context);
 }
 
-/// When all connections are taken, the oldest makes room for the newest. An answer takes no time,
-/// so whoever has been there for longest is not about to ask.
+/// When all connections are taken, the oldest is closed for the newest. An answer takes no time, so
+/// the oldest connection is not one that waits for its answer.
 void HttpServer::onConnection(void *self, MHD_Connection *connection, void ** /*context*/,
                               MHD_ConnectionNotificationCode code)
 {

@@ -1,8 +1,8 @@
-// A launcher that was killed leaves its server running, which holds the port. The next server asks
-// it for the port: it finds it by the lock that every server keeps on its bundle's directory, for
-// which the kernel names the holder. What it sends is a signal that every other program ignores,
-// that only the same user and root may send, and that a server whose launcher lives ignores too. So
-// no mistake about a process, and no stranger's lock, ends anything.
+// A launcher that was killed leaves its server running, and that server holds the port. The next
+// server asks it for the port. Every server keeps a lock on its bundle's directory, and the kernel
+// names the holder of a lock. The holder gets a signal that every other program ignores, that only
+// the same user and root may send, and that a server ignores while its launcher runs. So a wrong
+// process, or a stranger's lock, does no harm.
 
 #include "Port.h"
 
@@ -37,9 +37,9 @@ void giveWay(int /*signal*/)
 void askForThePort(int directory)
 {
     struct flock lock = {};
-    lock.l_type = F_WRLCK; // what a read lock is in the way of
+    lock.l_type = F_WRLCK; // which the other server's read lock prevents
     lock.l_whence = SEEK_SET;
-    // A holder without a process id here has 0 or less, which would be a group of processes.
+    // A holder that has no process id here is named as 0 or less: to kill(), a group of processes.
     if (fcntl(directory, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK && lock.l_pid > 0) {
         kill(lock.l_pid, giveWaySignal);
     }
@@ -59,8 +59,8 @@ int takePort(int port)
 {
     launcher = getppid();
     std::signal(giveWaySignal, giveWay);
-    // Not the program itself: a build may have replaced it since the other server started.
-    // It stays open, since closing it gives up the lock.
+    // The lock is not on the program: a build may have replaced it since the other server started.
+    // The directory stays open, since closing it gives up the lock.
     const int directory = open(ownDirectory().c_str(), O_RDONLY | O_CLOEXEC);
 
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
@@ -85,6 +85,6 @@ int takePort(int port)
         askForThePort(directory);
         usleep(retryPause);
     }
-    errno = EADDRINUSE; // asking has its own
+    errno = EADDRINUSE; // which the last request for the port may have changed
     return -1;
 }

@@ -13,8 +13,8 @@
 int main()
 {
     std::signal(SIGPIPE, SIG_IGN);
-    // The one that the launcher reads nginx's output from is among them: kept open here, nginx
-    // would wait for a reader for ever once the launcher has been killed.
+    // One of them is the launcher's end of nginx's pipe. If it stayed open here and the launcher
+    // were killed, nginx would wait for a reader for ever.
     closeInherited();
 
     const std::string port = std::to_string(rpcPort);
