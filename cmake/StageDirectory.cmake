@@ -1,7 +1,7 @@
 # cmake -DFROM=... -DTO=... -DSTAGED=... -P StageDirectory.cmake
-# Brings the directory TO up to date with FROM. A file that was staged earlier (the file STAGED lists
-# them) and is no longer in FROM is removed. A file that a running service has put beside them stays.
-# A file that an nginx has written in FROM is not staged.
+# Brings the directory TO up to date with FROM. A file that was staged earlier (STAGED lists them)
+# and is no longer in FROM is removed. A file that a running service has put beside them stays. A
+# file that an nginx has written in FROM is not staged.
 
 cmake_minimum_required(VERSION 3.16)
 
