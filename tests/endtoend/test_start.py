@@ -6,7 +6,6 @@ import shutil
 import signal
 import socket
 import subprocess
-from pathlib import Path
 from typing import NamedTuple
 
 import psutil
@@ -164,16 +163,13 @@ def test_number_of_an_x_server_is_taken_as_a_whole(desktop, told):
     assert told(DISPLAY=first_digits).errors.splitlines() == [NO_DISPLAY.format(first_digits, "")]
 
 
-def test_nothing_is_said_of_an_x_server_with_a_socket_file(directory, told):
-    number = directory.name  # which no other has
-    path = Path(f"/tmp/.X11-unix/X{number}")
-    path.parent.mkdir(exist_ok=True)
+def test_nothing_is_said_of_an_x_server_with_a_socket_file(home, directory, told):
+    before = home.starter.read_text()
+    home.starter.write_text(before.replace("/tmp/.X11-unix", str(directory)))  # for who may write
+    assert home.starter.read_text() != before
     with socket.socket(socket.AF_UNIX) as server:
-        server.bind(str(path))
-        try:
-            assert told(DISPLAY=f":{number}").errors == ""
-        finally:
-            path.unlink()
+        server.bind(str(directory / "X4711"))
+        assert told(DISPLAY=":4711").errors == ""
 
 
 @pytest.mark.parametrize("name", ["w", "{}/w"], ids=["by its name", "by its path"])
