@@ -120,6 +120,13 @@ def test_does_not_stop_the_nginx_of_another_bundle(make_nginx, deploy_nginx):
     assert ask()[0] == 200
 
 
+def test_does_not_wait_for_a_queue_in_place_of_the_locked_file(make_nginx):
+    nginx = make_nginx()
+    nginx.run_directory.mkdir()
+    os.mkfifo(nginx.serving_file)
+    assert_one_line(nginx.stop_command().output, "not running")
+
+
 @pytest.fixture
 def bystander(ending):
     """A process that has nothing to do with any nginx."""
