@@ -184,6 +184,17 @@ def test_writes_no_row_about_many_silent_connections(program, server, open_silen
     assert server.stdout.read() in ("", program.row)
 
 
+def test_accepts_no_more_waiting_connections_at_once_than_it_may_open(
+        program, server, open_silent):
+    resource.prlimit(server.pid, resource.RLIMIT_NOFILE, (MANY // 2, MANY // 2))
+    server.send_signal(signal.SIGSTOP)
+    open_silent(MANY)
+    server.send_signal(signal.SIGCONT)
+    call()
+    server.kill()
+    assert server.stdout.read() in ("", program.row)
+
+
 def test_lets_the_oldest_connections_make_room_for_the_newest(server, open_silent):
     open_silent(MANY)
     call()
