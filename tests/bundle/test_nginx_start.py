@@ -402,7 +402,10 @@ def test_says_that_perl_does_not_run(make_nginx):
 
 
 @pytest.mark.skipif(shutil.which("strace") is None, reason="takes strace")
-def test_says_that_the_disk_has_no_locks(make_nginx):
+@pytest.mark.parametrize(("error", "words"), [
+    pytest.param("ENOLCK", "No locks available", id="a disk without locks"),
+    pytest.param("EPERM", "Operation not permitted", id="a sandbox")])
+def test_says_why_there_are_no_locks(make_nginx, error, words):
     start = make_nginx().run(before=[
-        "strace", "--follow-forks", "--output=/dev/null", "--inject=flock:error=ENOLCK"])
-    assert_one_line(start.output, "perl failed", "No locks available", "[Deploy Service]")
+        "strace", "--follow-forks", "--output=/dev/null", f"--inject=flock:error={error}"])
+    assert_one_line(start.output, "perl failed", words, "[Deploy Service]")

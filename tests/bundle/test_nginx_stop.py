@@ -3,6 +3,7 @@
 import fcntl
 import http.client
 import os
+import shutil
 import signal
 import subprocess
 
@@ -170,6 +171,15 @@ def test_signals_nobody_while_others_look_at_what_was_left(make_nginx, bystander
     leave(nginx, f"{bystander.pid} 1\n")
     with locked(nginx.serving_file, fcntl.LOCK_SH):  # as a second stop command does
         assert_one_line(nginx.stop_command().output, "not running")
+    assert bystander.poll() is None
+
+
+@pytest.mark.skipif(shutil.which("strace") is None, reason="takes strace")
+def test_signals_nobody_where_no_lock_can_be_taken(make_nginx, bystander):
+    nginx = make_nginx()
+    leave(nginx, f"{bystander.pid} 1\n")
+    nginx.run("-s", "stop", before=[
+        "strace", "--follow-forks", "--output=/dev/null", "--inject=flock:error=EPERM"])
     assert bystander.poll() is None
 
 
