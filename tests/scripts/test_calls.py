@@ -48,6 +48,13 @@ def test_step_that_fails_ends_the_script_and_is_named(machine, script, preset, f
     assert machine.calls()[-1].split()[1] == fails
 
 
+@pytest.mark.parametrize("script", ["run", "test", "soak", "bench"])
+def test_builds_the_project_wherever_it_is_called(machine, script):
+    machine.put(machine.tools / "cmake", 'echo "in $PWD" >>"$LOG"')
+    machine.run(script, *(["5"] if script == "soak" else []))
+    assert machine.calls("in")[:2] == [f"in {machine.project}"] * 2  # to configure and to build
+
+
 @pytest.mark.parametrize("variables", [
     pytest.param({"DISPLAY": ":1"}, id="X"), pytest.param({"WAYLAND_DISPLAY": "w"}, id="Wayland")])
 def test_run_opens_the_launcher_where_there_is_a_display(machine, variables):
@@ -129,3 +136,15 @@ def test_script_without_arguments_only_says_what_it_takes(machine, script):
     assert result.output[0].startswith(f"scripts/{script} ")
     assert result.status == 2
     assert machine.calls() == []
+
+
+def test_bench_takes_the_load_before_the_build(machine):
+    load = machine.log.with_name("load")
+    load.write_text("0.25 2.00 3.00 1/234 5678\n")
+    script = machine.project / "scripts/bench"
+    script.write_text(script.read_text().replace("/proc/loadavg", str(load)))
+    machine.put(machine.tools / "cmake", f"echo '9.00 2.00 3.00 1/234 5678' >{load}")
+    measures = machine.project / "benchmarks/bench.py"
+    measures.parent.mkdir()
+    measures.write_text("import sys\nprint(sys.argv[-2:])\n")
+    assert machine.run("bench").output[-1] == "['--load', '0.25']"

@@ -134,6 +134,11 @@ def test_package_that_the_tests_need_is_not_optional(machine):
     assert "This system lacks lintian." in result.errors[0]
 
 
+def test_package_whose_configuration_alone_is_there_is_installed(machine):
+    machine.run("run", REMOVED="nginx")
+    assert [call.split()[-1] for call in machine.calls("apt-get")] == ["update", "nginx"]
+
+
 def test_translated_package_manager_is_understood(machine):
     result = machine.run("run", MISSING="make", LC_ALL="", LANG="nl_NL.UTF-8")
     assert BUILD_REACHED in result.output, result.errors
