@@ -96,3 +96,31 @@ def test_framework_that_the_macos_sdk_lacks_is_said(tree, missing):
     well, said = tree.configure_for_macos([name for name in FRAMEWORKS if name != missing])
     assert well == (missing == "AGL"), said
     assert ("no longer has the framework AGL" if well else f"lacks the framework {missing}") in said
+
+
+FOLDERS = ("process", "ui", "services", "app")
+
+
+def test_folder_sees_the_folders_that_it_uses_and_no_other(tree):
+    well, said = tree.configure("-DCMAKE_EXPORT_COMPILE_COMMANDS=ON")
+    assert well, said
+    seen = {}
+    for entry in json.loads((tree.build / "compile_commands.json").read_text()):
+        folder = Path(entry["file"]).parent
+        if folder.name in FOLDERS and folder.parent == tree.project:
+            places = re.findall(r"(?:-I|-isystem )(\S+)", entry["command"])
+            seen[folder.name] = {name for name in FOLDERS for place in places
+                                 if Path(place, name).is_dir()}
+    assert seen == {"process": {"process"}, "ui": {"ui"}, "services": {"process", "ui", "services"},
+                    "app": {"process", "ui", "services", "app"}}
+
+
+def test_package_for_arm64_says_so(tree):
+    qt = re.search("^Qt5_DIR:PATH=(.*)$", (tree.built / "CMakeCache.txt").read_text(), re.M)
+    well, said = tree.configure(  # by this machine's compiler
+        f"--toolchain={tree.project}/cmake/arm64.cmake", "-DBUILD_TESTING=OFF",
+        f"-DCMAKE_CXX_COMPILER={shutil.which('c++')}", f"-DQt5_DIR={qt.group(1)}",
+        "-DORVANE_RPC_SERVER=/bin/true")
+    assert well, said
+    packs = (tree.build / "CPackConfig.cmake").read_text()
+    assert 'set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE "arm64")' in packs
