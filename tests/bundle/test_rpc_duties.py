@@ -17,7 +17,7 @@ import pytest
 from machine import JSON, OPEN, USER, takes_root
 
 from drive.bundle import RPC_PORT, SITE_PORT, ask
-from drive.processes import PATIENCE, kill_all, processes_below, running, wait_for
+from drive.processes import PATIENCE, adopt_orphans, kill_all, processes_below, running, wait_for
 
 MANY = 480  # connections: half a minute of 16 a second, at once
 MOST_HELD = 130  # connections: the limit of 64, as many that are about to go, two of its own
@@ -114,6 +114,7 @@ class Stranger(NamedTuple):
 
 STRANGERS = {
     "another name": Stranger(403, {"Host": f"other.example:{RPC_PORT}"}),
+    "a name that begins like ours": Stranger(403, {"Host": f"localhost.example:{RPC_PORT}"}),
     "another page": Stranger(403, {"Origin": "http://other.example"}),
     "a page without a name": Stranger(403, {"Origin": "null"}),
     "another port's page": Stranger(403, {"Sec-Fetch-Site": "same-site"}),
@@ -201,6 +202,12 @@ def test_lets_the_oldest_connections_make_room_for_the_newest(server, open_silen
     assert len(psutil.Process(server.pid).connections()) <= MOST_HELD
 
 
+def test_closes_a_connection_that_falls_silent(server, ending):
+    connection = ending.enter_context(socket.create_connection(("127.0.0.1", RPC_PORT), PATIENCE))
+    connection.sendall(b"POST /rpc HTTP/1.1\r\n")
+    assert connection.recv(1) == b""
+
+
 def test_answers_again_after_what_is_no_http(server, ending):
     for sent in (b"nonsense\r\n\r\n", b"\0" * 100000, b"POST /rpc HTTP/1.1\r\n"):
         connection = ending.enter_context(
@@ -230,6 +237,25 @@ def test_replaces_the_server_of_a_launcher_that_was_killed(launched, program, st
     orphan, = psutil.Process(launched.pid).children()
     launched.kill()
     wait_for("another parent", lambda: orphan.ppid() != launched.pid)
+    start()
+    wait_for("the end of the one before", lambda: not running(orphan))
+
+
+def test_replaces_it_where_orphans_go_to_a_session_manager(launched, program, start):
+    adopt_orphans()  # as that does, so that its new parent is not the first process
+    orphan, = psutil.Process(launched.pid).children()
+    launched.kill()
+    wait_for("another parent", lambda: orphan.ppid() == os.getpid())
+    start()
+    wait_for("the end of the one before", lambda: not running(orphan))
+
+
+def test_replaces_it_after_a_new_build(launched, program, start):
+    orphan, = psutil.Process(launched.pid).children()
+    launched.kill()
+    wait_for("another parent", lambda: orphan.ppid() != launched.pid)
+    shutil.copy(program.path, program.path.with_name("newer"))
+    program.path.with_name("newer").replace(program.path)
     start()
     wait_for("the end of the one before", lambda: not running(orphan))
 
