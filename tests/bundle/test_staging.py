@@ -242,6 +242,14 @@ def test_installs_a_program_that_can_be_executed(installed, program):
     assert os.access(installed.directory / "prefix/orvane.app" / program, os.X_OK)
 
 
+def test_relative_paths_begin_where_cmake_is_called(tree):
+    tree.configure(f"-DORVANE_NGINX_DIR={os.path.relpath(tree.nginx)}",
+                   f"-DORVANE_RPC_SERVER={os.path.relpath(tree.server)}")
+    cache = (tree.build / "CMakeCache.txt").read_text(encoding="utf-8")
+    assert re.findall("^ORVANE_(?:NGINX_DIR|RPC_SERVER):[A-Z]+=(.*)$", cache, re.M) == [
+        str(tree.nginx), str(tree.server)]
+
+
 @pytest.mark.parametrize(("variable", "name"), [
     ("ORVANE_NGINX_DIR", "missing"), ("ORVANE_NGINX_DIR", "my server"),
     ("ORVANE_RPC_SERVER", "missing"), ("ORVANE_RPC_SERVER", "my+nginx dir")],
