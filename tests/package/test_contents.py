@@ -3,6 +3,7 @@
 import os
 import plistlib
 import re
+import subprocess
 import xml.etree.ElementTree as xml
 
 import pytest
@@ -95,6 +96,15 @@ def test_everybody_may_read_the_debian_package_and_only_root_write():
     pytest.param({"libmicrohttpd12", "libmicrohttpd12t64"}, id="the RPC server's library")])
 def test_debian_package_depends_on(names):
     assert names & set(dependencies(deb())), dependencies(deb())
+
+
+@pytest.mark.parametrize("tool", ["dpkg-shlibdeps", "file"])
+def test_lack_of_what_finds_its_libraries_ends_the_packaging_and_is_said(tool):
+    done = subprocess.run(
+        ["cmake", "-DCPACK_GENERATOR=DEB", f"-Dprogram_{tool}=", "-P",
+         BUILD / "packaging/Generator.cmake"], stderr=subprocess.PIPE, text=True, check=False)
+    assert f"{tool} is missing: apt-get install dpkg-dev file" in done.stderr
+    assert done.returncode != 0
 
 
 def test_menu_entry_starts_the_packages_command(root):

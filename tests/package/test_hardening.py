@@ -1,5 +1,8 @@
 """Both programs of the packages are hardened."""
 
+import platform
+import re
+
 import pytest
 from built import BUILD, run
 
@@ -37,3 +40,9 @@ def test_stack_is_not_executable(program):
     headers = run("readelf", "--program-headers", "--wide", program).splitlines()
     stack = [line for line in headers if "GNU_STACK" in line]
     assert [" RW " in line for line in stack] == [True]
+
+
+@pytest.mark.skipif(platform.machine() != "x86_64", reason="only this processor has it")
+def test_targets_of_indirect_calls_are_marked(program):
+    code = run("objdump", "--disassemble=main", "--no-show-raw-insn", program)
+    assert re.search(r"<main>:\n *[0-9a-f]+:\s+endbr64", code), code
