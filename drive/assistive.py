@@ -14,8 +14,10 @@ import time
 from pathlib import Path
 from typing import NamedTuple
 
+import psutil
+
 from drive.desktop import Desktop
-from drive.processes import PATIENCE, descendants, end, existing, kill_all, running
+from drive.processes import GONE, PATIENCE, end, existing, kill_all, running
 
 PROJECT = Path(__file__).resolve().parents[1]
 
@@ -53,12 +55,23 @@ class AccessibleDesktop(Desktop):
              "string:IsEnabled", "variant:boolean:true"],
             env=self.environment, check=True, stdout=subprocess.DEVNULL, timeout=PATIENCE)
 
+    def started(self):
+        """Returns the running processes (psutil.Process) that were given its bus, or started by it.
+        The bus does not stay the parent of these."""
+        def ours(process):
+            try:
+                return process.pid != self._bus.pid and process.environ().get(
+                    "XDG_RUNTIME_DIR") == self.variables["XDG_RUNTIME_DIR"]
+            except GONE:
+                return False
+
+        return [p for p in existing(psutil.pids()) if running(p) and ours(p)]
+
     def close(self):
-        """Ends the bus and what it has started, and the X server."""
-        started = existing(descendants(self._bus.pid))
+        """Ends the bus and all that was given it, and the X server."""
         end(self._bus)
         self._bus.stdout.close()
-        kill_all(lambda: [process for process in started if running(process)])
+        kill_all(self.started)
         super().close()
         self._directory.cleanup()
 

@@ -1,10 +1,12 @@
 """A client of the accessibility bus walks the window, as a screen reader does."""
 
+from contextlib import suppress
+
 import pytest
 from steps import deploy
 
 from drive.assistive import AccessibleDesktop, Node, Walker
-from drive.processes import wait_for
+from drive.processes import GONE, running, wait_for
 
 
 @pytest.fixture
@@ -48,3 +50,14 @@ def test_what_is_no_list_keeps_its_text(walker, role, name):
 
 def test_rows_are_not_read(walker):
     assert "list item" not in [node.role for node in read_of(walker)]
+
+
+def test_desktop_ends_what_its_bus_has_started():
+    with AccessibleDesktop() as accessible:
+        helper, *_ = accessible.started()
+        helper.suspend()  # so that it does not end by itself
+    try:
+        assert not running(helper)
+    finally:
+        with suppress(*GONE):
+            helper.kill()
