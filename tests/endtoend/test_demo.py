@@ -80,6 +80,11 @@ def test_says_what_fails_and_leaves_nothing_behind(
     assert not processes_below(real.path)
 
 
+def test_program_that_is_missing_is_the_failure_of_a_step(project, real):
+    last = demonstrate(project, real.program).output.splitlines()[-1]  # it has no landmarks
+    assert last.startswith("demo: failed: start the launcher: [Errno 2] ")
+
+
 def test_without_a_launcher_says_what_it_takes(project):
     assert demonstrate(project).output.startswith("scripts/demo <launcher>")
 
