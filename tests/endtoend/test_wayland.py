@@ -35,6 +35,7 @@ def launcher(compositor, starter, build, ending):
 @pytest.fixture
 def deployed(launcher, services):
     """The same, with its services running."""
+    settled(launcher.picture)  # a user clicks on what is there to be seen
     deploy(launcher, services)
     return launcher
 
