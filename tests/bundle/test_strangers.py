@@ -254,6 +254,8 @@ def test_connection_that_falls_silent_is_closed(connect):
 
 ANSWERS = pytest.mark.parametrize(("sent", "answer"), [
     pytest.param(head(SITE_PORT, "GET", "/", Content_Length=0), 200, id="the page"),
+    pytest.param(head(SITE_PORT, "GET", "/page.js", Content_Length=0), 200, id="its script"),
+    pytest.param(head(SITE_PORT, "GET", "/page.css", Content_Length=0), 200, id="its style"),
     pytest.param(head(SITE_PORT, Content_Length=2) + b"{}", 200, id="a call"),
     pytest.param(b"nonsense\r\n\r\n", 400, id="400"),
     pytest.param(head(SITE_PORT, Host="a"), 403, id="403"),
