@@ -7,6 +7,7 @@
 
 import http.client
 import os
+import shlex
 import shutil
 import socket
 import subprocess
@@ -51,6 +52,18 @@ def site_answers():
         return False
 
 
+def place(program, target):
+    """Copies a program to this path, or writes a script there; does nothing with None."""
+    if program is None:
+        return
+    target.parent.mkdir(parents=True)
+    if isinstance(program, str):
+        target.write_text(program)
+        target.chmod(0o755)
+    else:
+        shutil.copy2(program, target)
+
+
 class Bundle:
     """An orvane.app below `directory`.
 
@@ -64,16 +77,12 @@ class Bundle:
         self.program = self.path / "Contents/MacOS" / name
         self.nginx = self.path / "nginx/sbin/nginx"
         self.rpc = self.path / "rpcServer/MacOs/rpcServer"
-        for source, target in ((launcher, self.program), (nginx, self.nginx), (rpc, self.rpc)):
-            if isinstance(source, str):
-                target.parent.mkdir(parents=True)
-                target.write_text(source)
-                target.chmod(0o755)
-            elif source and source.is_dir():
-                shutil.copytree(source, self.path / "nginx", ignore=shutil.ignore_patterns("run"))
-            elif source:
-                target.parent.mkdir(parents=True)
-                shutil.copy2(source, target)
+        place(launcher, self.program)
+        if isinstance(nginx, Path) and nginx.is_dir():
+            shutil.copytree(nginx, self.path / "nginx", ignore=shutil.ignore_patterns("run"))
+        else:
+            place(nginx, self.nginx)
+        place(rpc, self.rpc)
 
     @classmethod
     def copy_of(cls, built, directory):
@@ -83,49 +92,26 @@ class Bundle:
 
 
 STAY = "exec sleep infinity"
-NOTE_STOP = 'echo "nginx asked to stop" >>"{journal}"'
-
-# Notes whether the services still run. A killed process may take its time to go.
-NOTE_WHO_RUNS = """
-    runs() {{
-        local pid=$(grep "^$1 started" "{journal}" | tail -n1 | cut -d' ' -f3)
-        [ -e /proc/$pid ] && ! grep -q '^State:.Z' /proc/$pid/status 2>/dev/null
-    }}
-    for _ in {{1..50}}; do runs rpc || break; sleep 0.1; done
-    runs rpc && rpc=runs || rpc=ended
-    runs nginx && nginx=runs || nginx=ended
-    echo "nginx asked to stop: rpc $rpc, nginx $nginx" >>"{journal}"
-"""
-
-THROW_AWAY_NGINX = """#!/bin/bash
-if [ "$*" = "-s stop" ]; then
-{stop}
-    exit
-fi
-echo "nginx started $$" >>"{journal}"
-{nginx}
-"""
-
-THROW_AWAY_RPC = """#!/bin/bash
-echo "rpc started $$" >>"{journal}"
-{rpc}
-"""
+NOTE_STOP = 'echo "nginx asked to stop" >>"$journal"'
 
 
 class ThrowAway(Bundle):
     """A bundle whose services write down in a journal what happens to them, in order.
 
     `nginx` and `rpc` are the lines of shell that the services consist of, once they have noted
-    their start; None leaves the program out. `stop` are those of nginx's stop command.
+    their start; None leaves the program out. `stop` are those of nginx's stop command. In all of
+    them $journal is the journal's path.
     """
 
     def __init__(self, directory, launcher, nginx=STAY, rpc=STAY, stop=NOTE_STOP):
         self.journal = Path(directory) / "journal"
-        words = {"journal": self.journal, "nginx": nginx, "rpc": rpc,
-                 "stop": stop.format(journal=self.journal)}
+        begin = f"#!/bin/bash\njournal={shlex.quote(str(self.journal))}\n"
+        on_stop = f'if [ "$*" = "-s stop" ]; then\n{stop}\nexit\nfi\n'
+        before_nginx = begin + on_stop + 'echo "nginx started $$" >>"$journal"\n'
+        before_rpc = begin + 'echo "rpc started $$" >>"$journal"\n'
         super().__init__(directory, launcher,
-                         None if nginx is None else THROW_AWAY_NGINX.format(**words),
-                         None if rpc is None else THROW_AWAY_RPC.format(**words))
+                         nginx=None if nginx is None else before_nginx + nginx,
+                         rpc=None if rpc is None else before_rpc + rpc)
 
     def lines(self):
         """Returns the journal, a line each; a line is complete or not there."""
@@ -222,12 +208,17 @@ class Nginx:
         return self.child
 
     def start(self, stdout=None, command=START):
-        """The launcher's start command, of which this process is the launcher; does not wait."""
+        """Runs the launcher's start command, with this process as the launcher; does not wait."""
         self._popen(["/bin/bash", "-c", command.format(self.directory)], stdout)
 
     def start_elsewhere(self, command=START):
-        """The start command from another launcher, whose subprocess.Popen it returns."""
-        return self._popen(["/bin/sh", "-c", '/bin/bash -c "$0" & exec sleep infinity',
+        """Runs the start command as another launcher. Returns the subprocess.Popen of that.
+
+        A shell takes the place of that launcher, since nginx goes by the process that started its
+        own shell. It gets the command as its $1, where no quotes in it can end others.
+        """
+        other_launcher = '/bin/bash -c "$1" & exec sleep infinity'
+        return self._popen(["/bin/sh", "-c", other_launcher, "other-launcher",
                             command.format(self.directory)])
 
     def deploy(self, **how):
@@ -263,7 +254,10 @@ class Nginx:
         self.child.wait()
 
     def stop(self):
-        """What the launcher does: the stop command, then SIGKILL. Returns how the command Ended."""
+        """Stops it as the launcher does, by the stop command and then SIGKILL.
+
+        Returns how the command Ended.
+        """
         answer = self.stop_command()
         self.kill()
         return answer

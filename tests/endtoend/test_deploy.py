@@ -1,12 +1,15 @@
 """What the buttons and the window's end do to the services, and in which order."""
 
 import signal
+from pathlib import Path
 
 import pytest
 from steps import close, deploy
 
-from drive.bundle import NOTE_STOP, NOTE_WHO_RUNS
+from drive.bundle import NOTE_STOP
 from drive.processes import runs, wait_for
+
+NOTE_WHO_RUNS = Path(__file__).with_name("note-who-runs.sh")
 
 
 def test_redeploy_replaces_nginx_before_the_rpc_server(throw_away, launch):
@@ -33,10 +36,7 @@ def test_redeploy_replaces_nginx_before_the_rpc_server(throw_away, launch):
 
 
 def test_close_while_deployed_stops_the_services_and_waits_for_that(throw_away, launch):
-    services = throw_away(stop=NOTE_WHO_RUNS + """
-    until [ -e "{journal}.go" ]; do sleep 0.05; done
-    echo done >>"{journal}"
-""")
+    services = throw_away(stop=NOTE_WHO_RUNS.read_text())
     launcher = launch(services.program)
     deploy(launcher, services)
     launcher.close()
