@@ -5,7 +5,7 @@ import time
 
 import pytest
 from machine import JSON, OPEN, rows
-from strangers import REFUSED, head, sent_to, status
+from strangers import REFUSED, status
 
 from drive.bundle import RPC_PORT, ask
 from drive.processes import wait_for
@@ -125,9 +125,9 @@ def test_answered_calls_do_not_hide_a_visit(nginx, rpc_server):
 
 
 def test_refusals_of_the_rpc_server_have_no_row(rpc_server):
-    for how, _ in (case.values for case in REFUSED):
+    for refused in REFUSED.values():
         with socket.create_connection(("127.0.0.1", RPC_PORT), 10) as connection:
-            connection.sendall(head(RPC_PORT, **sent_to(RPC_PORT, how)))
+            connection.sendall(refused.head(RPC_PORT))
             assert status(connection)
     ask("/rpc", OPEN, port=RPC_PORT, headers=JSON)
     assert rpc_server.stdout.readline() == "channel.open\n"
