@@ -40,7 +40,19 @@ class Result(NamedTuple):
 
 
 class Machine:
-    """It has all packages and an ordinary user, who may use sudo. Variables say else."""
+    """It has all packages and an ordinary user, who may use sudo.
+
+    These variables of run() change that:
+
+        ID=0               the user is root
+        MAY=no             sudo refuses
+        MISSING="A B"      these packages are not installed
+        FAILS=--build      cmake fails with status 3 if this is its first argument
+        CTEST=8            ctest ends with this status
+        ANSWERS=no         the display does not answer the program landmarks, which aborts
+
+    stand-ins/apt-get, apt-cache and dpkg-query say which more of them they read.
+    """
 
     def __init__(self, directory, name):
         self.project, self.tools = directory / name, directory / "bin"
