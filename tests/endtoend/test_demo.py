@@ -1,13 +1,16 @@
 """scripts/demo, which shows the launcher where there is no display."""
 
 import shutil
+import signal
 import subprocess
 import time
+from types import SimpleNamespace
 from typing import NamedTuple
 
 import pytest
 from PIL import Image
 
+from drive import processes
 from drive.processes import GaveUp, Steps, end, processes_below
 
 PAGE = "demo: failed: open a channel, and look at its picture for a second: "
@@ -100,12 +103,31 @@ def test_step_that_takes_long_says_so_and_is_given_up(capsys):
         "demo: still waiting after 0 s, gives up after 0.5 s: open the page"]
 
 
-def test_each_step_has_the_time_to_itself(capsys):
-    with Steps("demo", seconds=0.5, remind=0.2) as step:
-        deadline = time.monotonic() + 1
-        while time.monotonic() < deadline:
-            step("one of many")
-    assert "still waiting" not in capsys.readouterr().out
+@pytest.fixture
+def clock(monkeypatch):
+    """The seconds that the steps take for the time, in a list of one."""
+    now = [0]
+    monkeypatch.setattr(processes, "time", SimpleNamespace(monotonic=lambda: now[0]))
+    return now
+
+
+def test_each_step_has_the_time_to_itself(clock, capsys):
+    with Steps("demo", seconds=90) as step:
+        step("the first one")
+        clock[0] = 80
+        step("the next one")
+        clock[0] = 100
+        signal.raise_signal(signal.SIGALRM)
+    assert capsys.readouterr().out.splitlines()[-1] == (
+        "demo: still waiting after 20 s, gives up after 90 s: the next one")
+
+
+def test_next_step_has_the_time_until_its_first_reminder_to_itself():
+    with Steps("demo", remind=1000) as step:
+        signal.setitimer(signal.ITIMER_REAL, 100)  # what is left of the one before
+        step("the next one")
+        left, _ = signal.getitimer(signal.ITIMER_REAL)
+    assert left > 900
 
 
 def test_what_ends_after_a_step_that_was_given_up_has_a_limit_too():
