@@ -15,7 +15,8 @@ from drive.processes import wait_for
 
 pytest.register_assert_rewrite("steps")
 
-
+FIRST_ROW_HEIGHT = 16  # pixels, less than a row's
+DARK_GREY = 100  # of 255; the letters are black
 DARK = """[Colors:Window]
 BackgroundNormal=35,38,41
 ForegroundNormal=252,252,252
@@ -94,7 +95,10 @@ def assert_list_shows(directory, build, request):
         expected = directory / "expected.png"
         subprocess.run([build / "landmarks", name, expected, *rows], env=launcher.environment,
                        check=True)
-        pixels = Image.open(expected).convert("RGB").tobytes()
+        picture = Image.open(expected).convert("RGB")
+        pixels = picture.tobytes()
+        first_row = picture.convert("L").crop((0, 0, picture.width // 2, FIRST_ROW_HEIGHT))
+        assert first_row.getextrema()[0] < DARK_GREY, "what is expected shows no text"
 
         def shown():
             # The list repaints when its tab comes to the front, at the latest; not asked for too

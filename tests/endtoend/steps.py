@@ -33,8 +33,13 @@ def close(launcher):
     assert launcher.wait() == 0
     # A process that was killed just now may take a moment to go.
     wait_for("nothing left running", lambda: not launcher.started())
-    assert not port_open(SITE_PORT)
-    assert not port_open(RPC_PORT)
+    wait_for_closed_ports()
+
+
+def wait_for_closed_ports():
+    """Waits until nobody listens on the services' ports: a zombie may keep one for a moment."""
+    for port in (SITE_PORT, RPC_PORT):
+        wait_for(f"a closed port {port}", lambda port=port: not port_open(port))
 
 
 @contextmanager

@@ -43,9 +43,12 @@ def test_a_list_has_the_title_of_its_tab(walker, name):
 
 @pytest.mark.parametrize("role, name", [
     ("frame", "MainWindow"), ("label", "Orvane Launcher"), ("page tab", "Directions"),
-    ("push button", "Deploy Servicde")], ids=["window", "title", "tab", "button"])
+    ("button", "Deploy Servicde")], ids=["window", "title", "tab", "button"])
 def test_what_is_no_list_keeps_its_text(walker, role, name):
-    assert Node(role, name) in read_of(walker)
+    # Before at-spi2-core 2.53 the bus called a button "push button".
+    seen = read_of(walker)
+    nodes = {Node(node.role.replace("push button", "button"), node.name) for node in seen}
+    assert Node(role, name) in nodes
 
 
 def test_rows_are_not_read(walker):

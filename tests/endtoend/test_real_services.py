@@ -4,9 +4,9 @@ import os
 import resource
 
 import psutil
-from steps import close, deploy_real, stop
+from steps import close, deploy_real, stop, wait_for_closed_ports
 
-from drive.bundle import RPC_PORT, SITE_PORT, port_open, site_answers
+from drive.bundle import RPC_PORT, port_open, site_answers
 from drive.desktop import Launcher
 from drive.processes import running, wait_for
 
@@ -23,8 +23,7 @@ def test_deploy_redeploy_stop_deploy_and_close_right_after_a_redeploy(real, laun
     deploy_real(launcher)
     deploy_real(launcher)
     stop(launcher)
-    assert not port_open(SITE_PORT)
-    assert not port_open(RPC_PORT)
+    wait_for_closed_ports()
     deploy_real(launcher)
     launcher.click("deploy")
     close(launcher)

@@ -230,7 +230,7 @@ private slots:
     {
         start();
         const QByteArray readEnd = descriptor(getpid(), runner->pipeFds[0]);
-        QVERIFY2(readEnd.startsWith("pipe:"), readEnd);
+        QVERIFY2(readEnd.startsWith("pipe:"), "no pipe, but: " + readEnd);
     }
 
     void launcherWaitsInItsReads()

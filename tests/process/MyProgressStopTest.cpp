@@ -125,7 +125,7 @@ private slots:
         const int readEnd = runner->pipeFds[0];
         runner.reset();
         const QByteArray target = Processes::descriptor(getpid(), readEnd);
-        QVERIFY2(target.startsWith("pipe:"), target);
+        QVERIFY2(target.startsWith("pipe:"), "the read end is closed, or another file: " + target);
     }
 
     void childPidIsSignalledAsItStands_data()
