@@ -31,7 +31,7 @@ class Language:
     item_in: str = r"[(\[{]$"
     # What comes before the first word of a list whose words can go one by one.
     words: str = "(?!)"
-    # What parts of a line become.
+    # What parts of a line become. The patterns see a hidden string's inside as underscores.
     swaps: tuple = ()
 
 
@@ -60,8 +60,8 @@ CPP = Language(
     swaps=(
         Swap(r"!(?=[\w(])", ""),  # a negation
         Swap(r"(?<!=) \? ", " == false ? "),  # a condition before "?", unless it compares
-        Swap(r'"_*(?=")', r"\1x"),  # a text
-        Swap(r"'___+(?=')", r"\1x"),  # a text of JavaScript; a single letter is C++'s
+        Swap(r'"_*(?=")', r"\1x"),  # a text, whose letters are underscores here
+        Swap(r"'___+(?=')", r"\1x"),  # a text of JavaScript; a character of C++ is shorter
         # A condition that is no negation and holds no comparison.
         Swap(r"(?<=if \()(?!!|[^&|]*[!=]=)[^;]+(?=\) )", r"!(\1)"),
         Swap(r"(?<=while \()(?!!|[^&|]*[!=]=)[^;]+(?=\) )", r"!(\1)")))
@@ -190,5 +190,6 @@ def code_of(text, language):
 
     text = re.sub('(?s:""".*?""")', emptied, text)  # a docstring
     # What only macOS runs, up to the "else" or "endif" of it.
-    text = re.sub(r"(?ms:^(?:if\(APPLE\)|#ifdef __APPLE__)$.*?^(?=#?e[ln]))", emptied, text)
+    text = re.sub(r"(?ms:^(?:if\(APPLE\)|#ifdef __APPLE__)$.*?^(?=#?(?:else|elif|endif)))", emptied,
+                  text)
     return [re.sub(language.hidden, blacken, line).rstrip() for line in text.splitlines()]

@@ -12,9 +12,12 @@ NEIGHBOURS = {
 SWAPPED = {**NEIGHBOURS, **{after: before for before, after in NEIGHBOURS.items()}, "*": "/"}
 SWAPPED_PATTERN = re.compile(
     rf"(?<![^\s(])({'|'.join(map(re.escape, SWAPPED))})(?![^\s;,)])")
-# A whole decimal number that is no part of a name, a version, an option or a template; a unit of
-# one letter may follow it.
-NUMBER = re.compile(r"(?<![\w.$'#{])(?<!\w-)(?:0|[1-9][\d']*)(?![\d.'<>]|[^\Wkms])")
+# A whole decimal number that is no part of a name, a version, an option or a template.
+NUMBER = re.compile(r"""
+    (?<![\w.$'#{]) (?<!\w-)       # what may not stand before it
+    (?: 0 | [1-9][\d']* )
+    (?= [kms] | [^\w.'<>] | $ )   # behind it: a unit of one letter, or what is no part of it
+    """, re.VERBOSE)
 # An address that only this machine reaches, in strings too, becomes one that everybody does.
 OWN_ADDRESS = re.compile(r"(?<![\w/.])127\.0\.0\.1(?![\w.])")
 EVERY_ADDRESS = "0.0.0.0"
@@ -37,7 +40,8 @@ def changes_of(name, text):
         found.append((number, 1, [closing] if closing else []))
     for number, part in words(code, language):
         rest = without(part, lines[number])
-        continued = code[number - 1].endswith("\\")  # the line above would go on in the next
+        # A line above that ends with a backslash would go on in the line below.
+        continued = number > 0 and code[number - 1].endswith("\\")
         found.append((number, 1, [rest] if rest.strip() or continued else []))
     for number, line in enumerate(code):
         if line.strip() and not line.startswith("#"):
@@ -77,14 +81,17 @@ def statements(code, language):
 def items(code, language):
     """Yields the number of each line that is an item between brackets, and what must stay of it:
     the brackets at its end that were opened above."""
-    around = ""  # the brackets that are open where the line begins
+    open_above = ""  # the brackets that are open where the line begins
     for number, line in enumerate(code):
-        kept = unpaired(line)
-        item = line[:len(line) - len(kept)].strip()
-        if (line.endswith(kept) and not re.search(r"[(\[{]", kept)
-                and re.fullmatch(language.item, item) and re.search(language.item_in, around)):
-            yield number, kept and re.match(r"\s*", line)[0] + kept
-        around = unpaired(around + line)
+        unpaired_here = unpaired(line)
+        opens_none = not re.search(r"[(\[{]", unpaired_here)
+        if opens_none and line.endswith(unpaired_here):
+            closing = unpaired_here
+            item = line.removesuffix(closing).strip()
+            if re.fullmatch(language.item, item) and re.search(language.item_in, open_above):
+                indent = re.match(r"\s*", line)[0]
+                yield number, (indent + closing if closing else "")
+        open_above = unpaired(open_above + line)
 
 
 def words(code, language):
@@ -123,7 +130,10 @@ def edits(line, code, language):
     found += [(part, EVERY_ADDRESS) for part in OWN_ADDRESS.finditer(line, 0, len(code))]
     for part in NUMBER.finditer(code):
         value = int(part[0].replace("'", ""))
-        failure = value == 1 and re.search(r"\b(return|exit) $", code[:part.start()])
-        found.append((part, "0" if failure else str(value + 1 if value < 1000 else 2 * value)))
+        is_status = re.search(r"\b(return|exit) $", code[:part.start()])
+        if value == 1 and is_status:
+            found.append((part, "0"))  # a failure becomes a success
+        else:
+            found.append((part, str(value + 1 if value < 1000 else 2 * value)))
     for part, text in found:
         yield line[:part.start()] + text + line[part.end():]
