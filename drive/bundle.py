@@ -30,6 +30,12 @@ def port_open(port, host="127.0.0.1"):
         return probe.connect_ex((host, port)) == 0
 
 
+def wait_for_closed_ports():
+    """Waits until nobody listens on the services' ports: a zombie may keep one for a moment."""
+    for port in (SITE_PORT, RPC_PORT):
+        wait_for(f"a closed port {port}", lambda port=port: not port_open(port))
+
+
 def ask(path="/", body=None, method=None, port=SITE_PORT, host="localhost", headers=None):
     """Returns the status and the text of the answer: to a GET, or with a body to a POST.
 

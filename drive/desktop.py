@@ -14,7 +14,7 @@ from Xlib import X, Xatom, display, error
 from Xlib.ext import xtest
 from Xlib.protocol import event
 
-from drive.bundle import RPC_PORT, SITE, SITE_PORT, port_open, site_answers
+from drive.bundle import RPC_PORT, SITE, SITE_PORT, port_open, site_answers, wait_for_closed_ports
 from drive.processes import (PATIENCE, adopt_orphans, descendants, end, existing, kill_all,
                              lies_below, running, session, wait_for)
 
@@ -294,7 +294,7 @@ def use(launcher, look=lambda: None, step=lambda name: None):
     step("click on stop, and wait until the services have ended")
     launcher.click("stop")
     wait_for("the end of the services", lambda: not launcher.started())
-    wait_for("closed ports", lambda: not (port_open(SITE_PORT) or port_open(RPC_PORT)))
+    wait_for_closed_ports()
     step("close the window")
     launcher.close()
     if status := launcher.wait():

@@ -3,7 +3,7 @@
 import subprocess
 from contextlib import contextmanager
 
-from drive.bundle import RPC_PORT, SITE_PORT, port_open, site_answers
+from drive.bundle import RPC_PORT, port_open, site_answers, wait_for_closed_ports
 from drive.processes import wait_for
 
 
@@ -34,12 +34,6 @@ def close(launcher):
     # A process that was killed just now may take a moment to go.
     wait_for("nothing left running", lambda: not launcher.started())
     wait_for_closed_ports()
-
-
-def wait_for_closed_ports():
-    """Waits until nobody listens on the services' ports: a zombie may keep one for a moment."""
-    for port in (SITE_PORT, RPC_PORT):
-        wait_for(f"a closed port {port}", lambda port=port: not port_open(port))
 
 
 @contextmanager

@@ -4,9 +4,9 @@ import os
 import resource
 
 import psutil
-from steps import close, deploy_real, stop, wait_for_closed_ports
+from steps import close, deploy_real, stop
 
-from drive.bundle import RPC_PORT, port_open, site_answers
+from drive.bundle import RPC_PORT, port_open, site_answers, wait_for_closed_ports
 from drive.desktop import Launcher
 from drive.processes import running, wait_for
 

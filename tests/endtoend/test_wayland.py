@@ -1,7 +1,7 @@
 """The launcher under a real compositor, in a session that has no X server."""
 
 import pytest
-from steps import deploy, settled
+from steps import deploy, settled, stop
 
 from drive.compositor import Compositor
 from drive.desktop import Launcher
@@ -51,8 +51,7 @@ def test_press_on_deploy_starts_both_services(deployed):
 
 
 def test_press_on_stop_ends_the_services(deployed):
-    deployed.click("stop")
-    wait_for("the end of the services", lambda: not deployed.started())
+    stop(deployed)
 
 
 def test_closing_the_window_ends_the_launcher_in_good_order(deployed):
